@@ -1,0 +1,34 @@
+// The library's one idiom for "parallel over rows". Internal.
+//
+// parallelRows(rows, body) runs body(y) for every y in [0, rows) as an OpenMP parallel loop
+// with a static schedule, so each thread owns one contiguous band of rows. The body must
+// write only to its own rows. Work that is too small to pay for a thread team, or a call
+// that is already inside a parallel region, runs on the calling thread instead: the
+// library's thread settings are the process's, and nested teams only oversubscribe cores.
+#pragma once
+
+#include <omp.h>
+
+#include <cstdint>
+
+// Below this many elements of work a loop runs on the calling thread.
+constexpr std::int64_t kxMinParallelWork = 1 << 15;
+
+inline bool kxWorthThreads(std::int64_t work) {
+    return work >= kxMinParallelWork && !omp_in_parallel();
+}
+
+template <class Body>
+void parallelRows(int rows, std::int64_t work, Body &&body) {
+#pragma omp parallel for schedule(static) if (kxWorthThreads(work))
+    for (int y = 0; y < rows; ++y)
+        body(y);
+}
+
+// The same for loops that the library runs in parallel whatever their size.
+template <class Body>
+void parallelRows(int rows, Body &&body) {
+#pragma omp parallel for schedule(static) if (!omp_in_parallel())
+    for (int y = 0; y < rows; ++y)
+        body(y);
+}
