@@ -22,6 +22,8 @@
 //   to the host's sink set with Kestrix::setQDebugFunc.
 #pragma once
 
+#include "kestrix1/filters/guided.h"
+#include "kestrix1/filters/tg_filter.h"
 #include "kestrix1/frame/geometry.h"
 #include "kestrix1/frame/kestrix.h"
 #include "kestrix1/frame/t_mat.h"

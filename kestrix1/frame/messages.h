@@ -15,6 +15,4 @@ inline constexpr char const kxErrMaskInvert[] = "Error - TFDrawMask::invertMask 
 inline constexpr char const kxErrMaskReset[] = "Error - TFDrawMask::resetMask - ippStsError";
 
 // Labels of timing lines.
-inline constexpr char const kxTimeGuidedByYEstimate[] =
-    "filterGuidedByY - guided filtering estimate - ";
 inline constexpr char const kxTimeRemap[] = "time to remap: ";

@@ -9,6 +9,7 @@
 
 #include <omp.h>
 
+#include <algorithm>
 #include <cstdint>
 
 // Below this many elements of work a loop runs on the calling thread.
@@ -31,4 +32,18 @@ void parallelRows(int rows, Body &&body) {
 #pragma omp parallel for schedule(static) if (!omp_in_parallel())
     for (int y = 0; y < rows; ++y)
         body(y);
+}
+
+// The same split handed out as bands: body(y0, y1) runs once for each of up to
+// omp_get_max_threads() contiguous bands covering [0, rows), for loops that set up scratch
+// space once per band rather than once per row.
+template <class Body>
+void parallelBands(int rows, std::int64_t work, Body &&body) {
+    int const bands = kxWorthThreads(work) ? std::max(1, std::min(rows, omp_get_max_threads())) : 1;
+#pragma omp parallel for schedule(static) if (bands > 1)
+    for (int band = 0; band < bands; ++band) {
+        int const y0 = int(std::int64_t(rows) * band / bands);
+        int const y1 = int(std::int64_t(rows) * (band + 1) / bands);
+        if (y0 < y1) body(y0, y1);
+    }
 }

@@ -330,17 +330,18 @@ PxStatus pxSubC(std::uint8_t *srcDst, int step, IppiSize size, std::uint8_t valu
 PxStatus pxMulCScale(std::uint8_t *srcDst, int step, IppiSize size, std::uint8_t value,
                      int scaleFactor) {
     if (scaleFactor < 0 || scaleFactor > 16) return pxStsBadArgErr;
-    // 256 possible inputs: the products go through a table.
-    std::uint8_t table[256];
-    unsigned const half = scaleFactor > 0 ? 1u << (scaleFactor - 1) : 0u;
-    for (unsigned p = 0; p < 256; ++p) {
-        unsigned const prod = p * value;
-        unsigned q = prod >> scaleFactor;
-        unsigned const rest = prod - (q << scaleFactor);
-        if (half != 0 && (rest > half || (rest == half && (q & 1u)))) ++q;  // ties to even
-        table[p] = static_cast<std::uint8_t>(std::min(q, 255u));
-    }
-    return pxLutPalette(srcDst, step, srcDst, step, size, table, 8);
+    // Rounded shift, ties to even: adding half - 1 plus the parity of the truncated
+    // quotient carries exactly the remainders above a half, and a half when the quotient
+    // is odd. Whole arithmetic in 32-bit lanes, which vectorises.
+    unsigned const s = unsigned(scaleFactor), v = value;
+    unsigned const bias = s > 0 ? (1u << (s - 1)) - 1u : 0u;
+    return rowsOf(srcDst, step, size, [&](std::uint8_t *d) {
+        mapRow(d, d, size.width, [=](std::uint8_t p) {
+            unsigned const prod = p * v;
+            unsigned const q = (prod + bias + (s > 0 ? (prod >> s) & 1u : 0u)) >> s;
+            return std::uint8_t(q < 255u ? q : 255u);
+        });
+    });
 }
 
 PxStatus pxVectorRamp(std::uint8_t *dst, int len, float offset, float slope) {
