@@ -80,8 +80,8 @@ void filterGuidedByY(cv::Mat &out, cv::Mat &p, cv::Mat &guide, int r, float eps,
     }
 }
 
-void filterGuidedByRGB(cv::Mat &out, cv::Mat &p, cv::Mat &guideR, cv::Mat &guideG,
-                       cv::Mat &guideB, int r, float eps, TGFilter *gf, int n) {
+void filterGuidedByRGB(cv::Mat &out, cv::Mat &p, cv::Mat &guideR, cv::Mat &guideG, cv::Mat &guideB,
+                       int r, float eps, TGFilter *gf, int n) {
     kxRequire(guideR.depth() == guideG.depth() && guideR.depth() == guideB.depth(), kDepthsRGB);
     out.create(p.size(), p.type());
     cv::Rect const rect = commonRect(p, guideR);

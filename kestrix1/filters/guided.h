@@ -32,6 +32,5 @@ KESTRIX1_EXPORT void filterGuidedByY(cv::Mat &out, cv::Mat &p, cv::Mat &guide, i
 // single pass, which therefore yields zeros: kept as hosts have always seen it. Guides of
 // different depths throw "ERROR - filterGuidedByRGB - Guide data need to use same data
 // type...".
-KESTRIX1_EXPORT void filterGuidedByRGB(cv::Mat &out, cv::Mat &p, cv::Mat &guideR,
-                                       cv::Mat &guideG, cv::Mat &guideB, int r, float eps,
-                                       TGFilter *gf, int n);
+KESTRIX1_EXPORT void filterGuidedByRGB(cv::Mat &out, cv::Mat &p, cv::Mat &guideR, cv::Mat &guideG,
+                                       cv::Mat &guideB, int r, float eps, TGFilter *gf, int n);

@@ -25,7 +25,9 @@ namespace guided {
 // Columns per call of a quantities functor, so that its rows stay in the first-level cache.
 constexpr int kChunk = 512;
 
-inline int clampIndex(int i, int n) { return i < 0 ? 0 : i >= n ? n - 1 : i; }
+inline int clampIndex(int i, int n) {
+    return i < 0 ? 0 : i >= n ? n - 1 : i;
+}
 
 // sums[k][x] += Q_k(yAdd, x) - Q_k(ySub, x) for every column, or only the addition when
 // ySub < 0. quantities(y, x0, n, q) writes the K quantities of pixels x0..x0+n-1 of source
@@ -115,8 +117,8 @@ void twoRounds(int rows, int cols, int r, Quantities const &quantities, Model co
                     addRows<K>(quantities, clampIndex(y + j, rows), -1, cols, sums1.data(),
                                scratch.data());
             } else {
-                addRows<K>(quantities, clampIndex(y + r, rows), clampIndex(y - r - 1, rows),
-                           cols, sums1.data(), scratch.data());
+                addRows<K>(quantities, clampIndex(y + r, rows), clampIndex(y - r - 1, rows), cols,
+                           sums1.data(), scratch.data());
             }
             boxRow<K>(sums1.data(), cols, r, scale, meanRows);
             float *coefs[M];

@@ -23,7 +23,9 @@ char const kProcPlanes[] = "ERROR - TGuidedFilter::proc - guides need one depth 
 char const kStripPlanes[] =
     "ERROR - TGuidedFilter::stripProc - inputs must be CV_32FC1 of one size.";
 
-bool isPlane32F(cv::Mat const &m) { return m.type() == CV_32FC1 && m.dims <= 2; }
+bool isPlane32F(cv::Mat const &m) {
+    return m.type() == CV_32FC1 && m.dims <= 2;
+}
 
 // The estimators read guides through the target's rows and columns.
 void checkEstimateInputs(std::vector<cv::Mat> const &guides, cv::Mat const &p) {
@@ -41,7 +43,9 @@ void checkGuides(std::vector<cv::Mat> const &guides) {
     kxRequire(ok, kProcPlanes);
 }
 
-IppiSize sizeOf(cv::Mat const &m) { return {m.cols, m.rows}; }
+IppiSize sizeOf(cv::Mat const &m) {
+    return {m.cols, m.rows};
+}
 
 template <class T>
 T *at(cv::Mat &m, IppiPoint p) {
@@ -59,8 +63,7 @@ T const *at(cv::Mat const &m, IppiPoint p) {
 struct Gray {
     float eps;
     // var is the guide's variance without eps.
-    void operator()(float meanI, float meanP, float corrIP, float var, float &a,
-                    float &b) const {
+    void operator()(float meanI, float meanP, float corrIP, float var, float &a, float &b) const {
         float const cov = corrIP - meanI * meanP;
         float const ax = cov / (var + eps);
         a = ax;
@@ -186,8 +189,12 @@ inline float clipRint(float v, float hi) {
     v = v < hi ? v : hi;
     return (v + 8388608.0f) - 8388608.0f;
 }
-inline std::uint8_t sat8(float v) { return std::uint8_t(clipRint(v, 255.0f)); }
-inline std::uint16_t sat16(float v) { return std::uint16_t(clipRint(v, 65535.0f)); }
+inline std::uint8_t sat8(float v) {
+    return std::uint8_t(clipRint(v, 255.0f));
+}
+inline std::uint16_t sat16(float v) {
+    return std::uint16_t(clipRint(v, 65535.0f));
+}
 
 // Where a guide pixel finds its coefficient: (x / sx, y / sy) below (xLim, yLim), the last
 // coefficient column or row beyond.
@@ -208,8 +215,7 @@ struct Lookup {
 // given the guide rows, coefficient rows and output row. Out is the element type written
 // through out's rows.
 template <class T, class Out, int G, class Main, class Strip>
-void applyRows(cv::Mat const *guides, cv::Mat const *coefs, cv::Mat &out, Main main,
-               Strip strip) {
+void applyRows(cv::Mat const *guides, cv::Mat const *coefs, cv::Mat &out, Main main, Strip strip) {
     constexpr int N = G + 1;
     int const rows = guides[0].rows, cols = guides[0].cols;
     Lookup const look(guides[0].size(), coefs[0].size());
@@ -256,8 +262,7 @@ void applyGray(cv::Mat const &I, cv::Mat const *coefs, cv::Mat &out, F f) {
 // Three guides: o[x] = f(S, b) with S = I0 * a0 + I1 * a1 + I2 * a2, and fStrip beyond
 // xLim.
 template <class T, class Out, class F, class FStrip>
-void applyColour(cv::Mat const *guides, cv::Mat const *coefs, cv::Mat &out, F f,
-                 FStrip fStrip) {
+void applyColour(cv::Mat const *guides, cv::Mat const *coefs, cv::Mat &out, F f, FStrip fStrip) {
     auto sum = [](T const *const *g, float const *const *c, int x) {
         return float(g[0][x]) * c[0][x] + float(g[1][x]) * c[1][x] + float(g[2][x]) * c[2][x];
     };
@@ -371,8 +376,7 @@ void TGFilter::calcov2(cv::Mat &cov, cv::Mat const &I, cv::Mat const &p, cv::Mat
     float *dst = inset ? at<float>(cov, anchor) : cov.ptr<float>();
     pxMul(I.ptr<float>(), int(I.step), p.ptr<float>(), int(p.step), tmpA.ptr<float>(),
           int(tmpA.step), padSize);
-    pxFilterBox(at<float>(tmpA, anchor), int(tmpA.step), dst, int(cov.step), size,
-                mask, anchor);
+    pxFilterBox(at<float>(tmpA, anchor), int(tmpA.step), dst, int(cov.step), size, mask, anchor);
     pxMul(meanI.ptr<float>(), int(meanI.step), meanP.ptr<float>(), int(meanP.step),
           tmpB.ptr<float>(), int(tmpB.step), size);
     pxSub(tmpB.ptr<float>(), int(tmpB.step), dst, int(cov.step), size);
@@ -386,8 +390,7 @@ void TGFilter::calvar2(cv::Mat &var, cv::Mat const &I, cv::Mat const &meanI, cv:
     if (!inset) var.create(size.height, size.width, CV_32F);
     float *dst = inset ? at<float>(var, anchor) : var.ptr<float>();
     pxSqr(I.ptr<float>(), int(I.step), tmpA.ptr<float>(), int(tmpA.step), padSize);
-    pxFilterBox(at<float>(tmpA, anchor), int(tmpA.step), dst, int(var.step), size,
-                mask, anchor);
+    pxFilterBox(at<float>(tmpA, anchor), int(tmpA.step), dst, int(var.step), size, mask, anchor);
     pxSqr(meanI.ptr<float>(), int(meanI.step), tmpB.ptr<float>(), int(tmpB.step), size);
     pxSub(tmpB.ptr<float>(), int(tmpB.step), dst, int(var.step), size);
 }
@@ -487,26 +490,24 @@ void TGFilter::gFc1_applyLoop32F(cv::Mat const &I, cv::Mat &out) {
         applyGray<std::uint16_t, float>(
             I, coefs, out, [](float i, float a, float b) { return i * a / 65535.0f + b; });
     else
-        applyGray<float, float>(I, coefs, out,
-                                [](float i, float a, float b) { return i * a + b; });
+        applyGray<float, float>(I, coefs, out, [](float i, float a, float b) { return i * a + b; });
 }
 
 void TGFilter::gFc1_apply(cv::Mat const &I, cv::Mat &out) {
     applyResampled(coefA, coefB, &I, 1, out);
 }
 
-void TGFilter::gFc1_blkGuide(cv::Mat const &I, cv::Mat const &p, cv::Mat &q, int r,
-                             float eps) {
+void TGFilter::gFc1_blkGuide(cv::Mat const &I, cv::Mat const &p, cv::Mat &q, int r, float eps) {
     int const H = p.rows, W = p.cols, h = H - 2 * r, w = W - 2 * r;
     if (q.rows <= 0 || q.cols <= 0 || h <= 0 || w <= 0) return;
     IppiSize const block{W, H}, inner{w, h}, mask{2 * r + 1, 2 * r + 1};
     IppiPoint const anchor{r, r};
-    cv::Mat meanI(h, w, CV_32F), meanP(h, w, CV_32F), cov, var, T(H, W, CV_32F),
-        U(H, W, CV_32F), tmpB;
-    pxFilterBox(at<float>(I, anchor), int(I.step), meanI.ptr<float>(), int(meanI.step), inner,
-                mask, anchor);
-    pxFilterBox(at<float>(p, anchor), int(p.step), meanP.ptr<float>(), int(meanP.step), inner,
-                mask, anchor);
+    cv::Mat meanI(h, w, CV_32F), meanP(h, w, CV_32F), cov, var, T(H, W, CV_32F), U(H, W, CV_32F),
+        tmpB;
+    pxFilterBox(at<float>(I, anchor), int(I.step), meanI.ptr<float>(), int(meanI.step), inner, mask,
+                anchor);
+    pxFilterBox(at<float>(p, anchor), int(p.step), meanP.ptr<float>(), int(meanP.step), inner, mask,
+                anchor);
     calcov2(cov, I, p, meanI, meanP, T, tmpB, block, inner, mask, anchor, false);
     calvar2(var, I, meanI, T, tmpB, block, inner, mask, anchor, false);
     pxAddC(var.ptr<float>(), int(var.step), inner, eps);
@@ -514,20 +515,19 @@ void TGFilter::gFc1_blkGuide(cv::Mat const &I, cv::Mat const &p, cv::Mat &q, int
     // a = cov / var into T at (r, r); b = meanP - a * meanI into U at (r, r).
     float *a = at<float>(T, anchor);
     float *b = at<float>(U, anchor);
-    pxDiv(var.ptr<float>(), int(var.step), cov.ptr<float>(), int(cov.step), a, int(T.step),
-          inner);
+    pxDiv(var.ptr<float>(), int(var.step), cov.ptr<float>(), int(cov.step), a, int(T.step), inner);
     pxMul(a, int(T.step), meanI.ptr<float>(), int(meanI.step), inner);
-    pxSub(meanI.ptr<float>(), int(meanI.step), meanP.ptr<float>(), int(meanP.step), b,
-          int(U.step), inner);
+    pxSub(meanI.ptr<float>(), int(meanI.step), meanP.ptr<float>(), int(meanP.step), b, int(U.step),
+          inner);
 
     // q = box(b) + I * box(a), over windows wholly inside the inner area.
     IppiPoint const twice{2 * r, 2 * r};
     IppiSize const outSize = sizeOf(q);
     cv::Mat boxA(q.size(), CV_32F);
-    pxFilterBox(at<float>(T, twice), int(T.step), boxA.ptr<float>(),
-                int(boxA.step), outSize, mask, anchor);
-    pxFilterBox(at<float>(U, twice), int(U.step), q.ptr<float>(), int(q.step),
-                outSize, mask, anchor);
+    pxFilterBox(at<float>(T, twice), int(T.step), boxA.ptr<float>(), int(boxA.step), outSize, mask,
+                anchor);
+    pxFilterBox(at<float>(U, twice), int(U.step), q.ptr<float>(), int(q.step), outSize, mask,
+                anchor);
     pxMul(at<float>(I, twice), int(I.step), boxA.ptr<float>(), int(boxA.step), outSize);
     pxAdd(boxA.ptr<float>(), int(boxA.step), q.ptr<float>(), int(q.step), outSize);
 }
@@ -625,8 +625,7 @@ void TGFilter::gFc3_estimateFixedR(std::vector<cv::Mat> const &guides, cv::Mat c
                     c[k][x] = coef[k];
             }
         };
-        guided::twoRounds<4, 4>(p.rows, p.cols, 1, ColourTargetQuantities{guides, p}, model,
-                                out);
+        guided::twoRounds<4, 4>(p.rows, p.cols, 1, ColourTargetQuantities{guides, p}, model, out);
         return;
     }
     for (cv::Mat &m : guideMean)

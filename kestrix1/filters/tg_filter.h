@@ -73,9 +73,8 @@ protected:
                  cv::Mat const &meanP, cv::Mat &tmpA, cv::Mat &tmpB, IppiSize padSize,
                  IppiSize size, IppiSize mask, IppiPoint anchor, bool inset);
     // var = box(I * I) - meanI * meanI, as calcov2.
-    void calvar2(cv::Mat &var, cv::Mat const &I, cv::Mat const &meanI, cv::Mat &tmpA,
-                 cv::Mat &tmpB, IppiSize padSize, IppiSize size, IppiSize mask,
-                 IppiPoint anchor, bool inset);
+    void calvar2(cv::Mat &var, cv::Mat const &I, cv::Mat const &meanI, cv::Mat &tmpA, cv::Mat &tmpB,
+                 IppiSize padSize, IppiSize size, IppiSize mask, IppiPoint anchor, bool inset);
     // Strip height: b when a * b < 2250000 or b < 600, else 600.
     int checkBlkSz(int a, int b);
 

@@ -34,9 +34,7 @@ struct Open : TGFilter {
             coefA[k] = a[k].clone();
         coefB = b.clone();
     }
-    kxtest::GuidedCoefs coefs(int n) const {
-        return {Planes(coefA, coefA + n), coefB};
-    }
+    kxtest::GuidedCoefs coefs(int n) const { return {Planes(coefA, coefA + n), coefB}; }
 };
 
 std::string thrown(std::function<void()> const &f) {
@@ -73,7 +71,9 @@ Guide guideIn(cv::Mat const &f, int depth) {
 // 1e-5 in a and in b.
 constexpr double kTol = 2e-5;
 
-double maxDiff(cv::Mat const &a, cv::Mat const &b) { return cv::norm(a, b, cv::NORM_INF); }
+double maxDiff(cv::Mat const &a, cv::Mat const &b) {
+    return cv::norm(a, b, cv::NORM_INF);
+}
 
 // Each integer code c of `out`, times `unit`, must be a rounding of v within tol: v lies in
 // [c * unit - 0.5, (c + 1) * unit - 0.5] widened by tol, open-ended at 0 and at `top`.
@@ -116,7 +116,9 @@ TEST(TGFilterErrors, GuideCountsAndPlanesAreChecked) {
     EXPECT_EQ(thrown([&] { f.setup({out8}, p, 1, 0.01f); }), planes);
     EXPECT_EQ(thrown([&] { f.setupFixedR({p, p, out8}, p, 0.01f); }), planes);
     f.setup({p}, p, 1, 0.01f);
-    EXPECT_EQ(thrown([&] { f.proc({p, p, out8}, out); }),
+    EXPECT_EQ(thrown([&] {
+                  f.proc({p, p, out8}, out);
+              }),
               "ERROR - TGuidedFilter::proc - guides need one depth and size.");
     EXPECT_EQ(thrown([&] { f.stripProc(p, out8, out, 1, 0.01f); }),
               "ERROR - TGuidedFilter::stripProc - inputs must be CV_32FC1 of one size.");
@@ -129,13 +131,12 @@ TEST(TGFilterEstimate, MatchesPlainReference) {
         for (int r : {0, 1, 2, 5})
             for (int n : {1, 3})
                 for (int depth : {CV_8U, CV_16U, CV_32F}) {
-                    SCOPED_TRACE(::testing::Message() << size << " r " << r << " guides " << n
-                                                      << " depth " << depth);
+                    SCOPED_TRACE(::testing::Message()
+                                 << size << " r " << r << " guides " << n << " depth " << depth);
                     cv::Mat const p = pattern(size.height, size.width, 99);
                     Planes native, unit;
                     for (int c = 0; c < n; ++c) {
-                        Guide const g =
-                            guideIn(pattern(size.height, size.width, 10 + c), depth);
+                        Guide const g = guideIn(pattern(size.height, size.width, 10 + c), depth);
                         native.push_back(g.native);
                         unit.push_back(g.unit);
                     }
@@ -255,8 +256,8 @@ TEST(TGFilterApply, LooksUpCoefficientsByCeilingFactors) {
     }
     cv::Mat out(10, 8, CV_32F);
     f.proc({pattern(10, 8, 2)}, out);
-    EXPECT_EQ(out.at<float>(3, 5), pattern(10, 8, 2).at<float>(3, 5) * a.at<float>(1, 2) +
-                                       b.at<float>(1, 2));
+    EXPECT_EQ(out.at<float>(3, 5),
+              pattern(10, 8, 2).at<float>(3, 5) * a.at<float>(1, 2) + b.at<float>(1, 2));
 }
 
 TEST(TGFilterApply, DepthRulesOfOneGuide) {
@@ -325,9 +326,9 @@ TEST(TGFilterApply, RightStripOfHugeGuides) {
     cv::Mat out;
     f.proc16U({g, g, g}, out);
     ASSERT_EQ(out.cols, cols);
-    EXPECT_EQ(out.at<std::uint16_t>(0, 0), 32768);              // rint(0.5 * 65535)
-    EXPECT_EQ(out.at<std::uint16_t>(0, cols - 2), 16384);       // the last coefficient
-    EXPECT_EQ(out.at<std::uint16_t>(0, cols - 1), 255);         // clipped to 8 bits
+    EXPECT_EQ(out.at<std::uint16_t>(0, 0), 32768);         // rint(0.5 * 65535)
+    EXPECT_EQ(out.at<std::uint16_t>(0, cols - 2), 16384);  // the last coefficient
+    EXPECT_EQ(out.at<std::uint16_t>(0, cols - 1), 255);    // clipped to 8 bits
     Open one;
     one.set({zero}, b);
     cv::Mat out8(1, cols, CV_8U);
@@ -395,7 +396,8 @@ TEST(TGFilterStripProc, MatchesBlockReferenceAcrossStrips) {
     for (cv::Size size : {cv::Size(40, 30), cv::Size(1900, 1208)}) {
         SCOPED_TRACE(size);
         int const r = 2;
-        cv::Mat const I = pattern(size.height, size.width, 1), p = pattern(size.height, size.width, 2);
+        cv::Mat const I = pattern(size.height, size.width, 1),
+                      p = pattern(size.height, size.width, 2);
         cv::Mat q(size, CV_32F, cv::Scalar(-1));
         TGFilter().stripProc(I, p, q, r, 0.01f);
         EXPECT_LT(maxDiff(q, stripReference(I, p, r, 0.01f)), 1e-5);

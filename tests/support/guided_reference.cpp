@@ -22,12 +22,14 @@ cv::Mat boxMean(cv::Mat const &plane, int r) {
 
 namespace {
 
-cv::Mat product(cv::Mat const &a, cv::Mat const &b) { return a.mul(b); }
+cv::Mat product(cv::Mat const &a, cv::Mat const &b) {
+    return a.mul(b);
+}
 
 }  // namespace
 
-GuidedCoefs guidedReference(std::vector<cv::Mat> const &guides, cv::Mat const &p, int r,
-                            float eps, std::vector<cv::Mat> const &statsGuides) {
+GuidedCoefs guidedReference(std::vector<cv::Mat> const &guides, cv::Mat const &p, int r, float eps,
+                            std::vector<cv::Mat> const &statsGuides) {
     int const n = int(guides.size());
     std::vector<cv::Mat> meanI(n), covP(n);
     cv::Mat const meanP = boxMean(p, r);

@@ -22,8 +22,8 @@ cv::Mat boxMean(cv::Mat const &plane, int r);
 // (means and covariances) come from `statsGuides`, the products with p from `guides`, as
 // a filter that reuses the statistics of an earlier guide computes them; pass the same
 // planes twice for the ordinary filter.
-GuidedCoefs guidedReference(std::vector<cv::Mat> const &guides, cv::Mat const &p, int r,
-                            float eps, std::vector<cv::Mat> const &statsGuides);
+GuidedCoefs guidedReference(std::vector<cv::Mat> const &guides, cv::Mat const &p, int r, float eps,
+                            std::vector<cv::Mat> const &statsGuides);
 
 inline GuidedCoefs guidedReference(std::vector<cv::Mat> const &guides, cv::Mat const &p, int r,
                                    float eps) {
