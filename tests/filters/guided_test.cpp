@@ -101,25 +101,34 @@ TEST(GuidedEntryPoints, ErrorTexts) {
 // on the guide in its own depth; the printed lines are the two timings.
 TEST(GuidedEntryPoints, ByYOnPhotographCuts) {
     cv::Size const size(61, 43);
-    for (int depth : {CV_8U, CV_32F}) {
-        SCOPED_TRACE(depth);
+    // Guide and target depths; a 16-bit guide into an 8-bit target divides by 255 only.
+    int const pairs[][2] = {{CV_8U, CV_8U}, {CV_32F, CV_32F}, {CV_16U, CV_8U}};
+    for (auto const [guideDepth, depth] : pairs) {
+        SCOPED_TRACE(::testing::Message() << guideDepth << " into " << depth);
         Cut c = cut(depth, size);
+        cv::Mat guide = cut(guideDepth, size).y;
         cv::Mat p = c.bgr[2].clone(), out;
         TGFilter kept;
-        auto lines = printedLines([&] { filterGuidedByY(out, p, c.y, 3, 0.01f, &kept, 1); });
+        auto lines = printedLines([&] { filterGuidedByY(out, p, guide, 3, 0.01f, &kept, 1); });
         ASSERT_EQ(lines.size(), 2u);
         EXPECT_TRUE(isTiming(lines[0], "filterGuidedByY - guided filtering estimate - "));
         EXPECT_TRUE(isTiming(lines[1], "filterGuidedByY - guided filtering proc - "));
         ASSERT_EQ(out.type(), p.type());
-        kxtest::GuidedCoefs const want = kxtest::guidedReference({unit(c.y)}, unit(p), 3, 0.01f);
-        cv::Mat v = kxtest::modelSum({unit(c.y)}, want) + want.b;
-        if (depth == CV_8U) v *= 255.0f;
+        kxtest::GuidedCoefs const want = kxtest::guidedReference({unit(guide)}, unit(p), 3, 0.01f);
+        cv::Mat v = kxtest::modelSum({guide}, want);
+        if (guideDepth == CV_16U)
+            v = v / 255.0f + want.b * 255.0f;
+        else if (depth == CV_8U)
+            v = v + want.b * 255.0f;
+        else
+            v = v + want.b;
         cv::Mat got;
         out.convertTo(got, CV_32F);
-        EXPECT_LT(maxDiff(got, v), depth == CV_8U ? 0.51 : 1e-5);
+        EXPECT_LT(maxDiff(got, cv::min(v, depth == CV_8U ? 255 : 1e9)),
+                  depth == CV_8U ? 0.51 : 1e-5);
         // The caller's filter keeps the coefficients.
         cv::Mat again(size, out.type());
-        kept.proc({c.y}, again);
+        kept.proc({guide}, again);
         EXPECT_EQ(maxDiff(again, out), 0);
     }
     // A 16-bit p: out is made 16-bit and the one-guide apply leaves it as made.

@@ -21,6 +21,9 @@ using Planes = std::vector<cv::Mat>;
 
 // Opens the protected members to the tests.
 struct Open : TGFilter {
+    using TGFilter::calcov2;
+    using TGFilter::calvar2;
+    using TGFilter::checkBlkSz;
     using TGFilter::coefA;
     using TGFilter::coefB;
     using TGFilter::gFc1_apply;
@@ -407,6 +410,32 @@ TEST(TGFilterStripProc, MatchesBlockReferenceAcrossStrips) {
     cv::Mat q(p.size(), CV_32F);
     TGFilter().stripProc(p, p, q, 2, 0.01f);
     EXPECT_EQ(maxDiff(q, p), 0);
+}
+
+// The statistics helpers on replicate-padded planes, into a plain plane and into the inside
+// of a padded one; and the strip height rule.
+TEST(TGFilterObject, StatisticsHelpersAndStripHeight) {
+    int const r = 2;
+    cv::Mat const I = pattern(11, 14, 1), p = pattern(11, 14, 2);
+    cv::Mat Ip, pp;
+    cv::copyMakeBorder(I, Ip, r, r, r, r, cv::BORDER_REPLICATE);
+    cv::copyMakeBorder(p, pp, r, r, r, r, cv::BORDER_REPLICATE);
+    cv::Mat const meanI = kxtest::boxMean(I, r), meanP = kxtest::boxMean(p, r);
+    IppiSize const padSize{Ip.cols, Ip.rows}, size{I.cols, I.rows}, mask{2 * r + 1, 2 * r + 1};
+    IppiPoint const anchor{r, r};
+    Open f;
+    cv::Mat cov(Ip.size(), CV_32F, cv::Scalar(-9)), var, tmpA, tmpB;
+    f.calcov2(cov, Ip, pp, meanI, meanP, tmpA, tmpB, padSize, size, mask, anchor, true);
+    f.calvar2(var, Ip, meanI, tmpA, tmpB, padSize, size, mask, anchor, false);
+    cv::Rect const inner(r, r, I.cols, I.rows);
+    EXPECT_LT(maxDiff(cov(inner), kxtest::boxMean(I.mul(p), r) - meanI.mul(meanP)), 1e-6);
+    EXPECT_EQ(cov.at<float>(0, 0), -9);
+    EXPECT_LT(maxDiff(var, kxtest::boxMean(I.mul(I), r) - meanI.mul(meanI)), 1e-6);
+
+    EXPECT_EQ(f.checkBlkSz(1000, 2249), 2249);  // under 2250000 pixels
+    EXPECT_EQ(f.checkBlkSz(3750, 600), 600);
+    EXPECT_EQ(f.checkBlkSz(1500, 1500), 600);
+    EXPECT_EQ(f.checkBlkSz(100000, 599), 599);  // fewer rows than a strip
 }
 
 TEST(TGFilterObject, CopiesSharePlanes) {
