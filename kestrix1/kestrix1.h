@@ -29,3 +29,5 @@
 #include "kestrix1/frame/t_mat.h"
 #include "kestrix1/frame/t_progress.h"
 #include "kestrix1/frame/t_uid.h"
+#include "kestrix1/image/scaling.h"
+#include "kestrix1/image/tp_image.h"

@@ -1,0 +1,727 @@
+// TPImage: colour transforms between R, G, B and Y, Dr, Db, and the host-buffer conversions.
+//
+// Every per-pixel loop runs through parallelRows. The formulas keep their exact precision
+// (which products are float, which double, where a value is rounded or truncated), because
+// hosts compare pixels of one version of the library against another.
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <new>
+
+#include "kestrix1/frame/errors.h"
+#include "kestrix1/image/scaling.h"
+#include "kestrix1/image/tp_image.h"
+#include "kestrix1/kernels/parallel.h"
+#include "kestrix1/kernels/px_filter.h"
+#include "kestrix1/kernels/px_geometry.h"
+
+using cv::Mat;
+
+namespace {
+
+using u8 = std::uint8_t;
+using u16 = std::uint16_t;
+
+// ---- rounding and saturation ---------------------------------------------------------------
+
+// rint (ties to even, the default mode) for |v| below 2^22: adding and removing 1.5 x 2^23
+// rounds in the current mode and, unlike a library call, vectorises.
+inline float rintF(float v) {
+    return (v + 12582912.0f) - 12582912.0f;
+}
+inline double rintD(double v) {
+    return (v + 6755399441055744.0) - 6755399441055744.0;
+}
+
+inline u16 sat16(int v) {
+    return u16(std::min(std::max(v, 0), 65535));
+}
+inline u8 sat8(int v) {
+    return u8(std::min(std::max(v, 0), 255));
+}
+
+// Rounded and saturated, for values known to lie well inside the int range (every formula
+// of 16-bit inputs). Rounding first and clamping the integer gives what clamping first would,
+// as the bounds are integers, and keeps the loops free of float compares so they vectorise.
+inline u16 sat16i(float v) {
+    return sat16(int(rintF(v)));
+}
+inline u16 sat16i(double v) {
+    return sat16(int(rintD(v)));
+}
+
+// The same for values of any size (float inputs, single pixels): clamped before rounding.
+inline u16 sat16r(double v) {
+    v = v > 0.0 ? v : 0.0;
+    v = v < 65535.0 ? v : 65535.0;
+    return u16(rintD(v));
+}
+inline u8 sat8r(double v) {
+    v = v > 0.0 ? v : 0.0;
+    v = v < 255.0 ? v : 255.0;
+    return u8(rintD(v));
+}
+
+// ---- temporary planes -------------------------------------------------------------------------
+
+// Allocates large temporaries on 2 MiB boundaries and asks the kernel for huge pages there.
+// A fresh full-size plane is otherwise touched one 4 KiB page fault at a time, and for a
+// 24-megapixel photograph those faults cost more than the conversion itself. Where huge
+// pages are not on offer the advice is ignored and nothing else changes.
+class LargePageAllocator : public cv::MatAllocator {
+public:
+    cv::UMatData *allocate(int dims, int const *sizes, int type, void *data0, std::size_t *step,
+                           cv::AccessFlag, cv::UMatUsageFlags) const override {
+        std::size_t total = CV_ELEM_SIZE(type);
+        for (int i = dims - 1; i >= 0; --i) {
+            if (step != nullptr) {
+                if (data0 != nullptr && step[i] != cv::Mat::AUTO_STEP)
+                    total = step[i];
+                else
+                    step[i] = total;
+            }
+            total *= std::size_t(sizes[i]);
+        }
+        auto *u = new cv::UMatData(this);
+        u->data = u->origdata = static_cast<uchar *>(data0 != nullptr ? data0 : take(total));
+        u->size = total;
+        if (data0 != nullptr) u->flags |= cv::UMatData::USER_ALLOCATED;
+        return u;
+    }
+    bool allocate(cv::UMatData *u, cv::AccessFlag, cv::UMatUsageFlags) const override {
+        return u != nullptr;
+    }
+    void deallocate(cv::UMatData *u) const override {
+        if (u == nullptr) return;
+        if (!(u->flags & cv::UMatData::USER_ALLOCATED)) std::free(u->origdata);
+        delete u;
+    }
+
+private:
+    static void *take(std::size_t bytes) {
+        constexpr std::size_t kHuge = std::size_t(2) << 20;
+        if (bytes < kHuge) {
+            void *p = std::malloc(bytes > 0 ? bytes : 1);
+            if (p == nullptr) throw std::bad_alloc();
+            return p;
+        }
+        std::size_t const rounded = (bytes + kHuge - 1) / kHuge * kHuge;
+        void *p = std::aligned_alloc(kHuge, rounded);
+        if (p == nullptr) throw std::bad_alloc();
+#ifdef MADV_HUGEPAGE
+        madvise(p, rounded, MADV_HUGEPAGE);
+#endif
+        return p;
+    }
+};
+
+// A temporary plane, freed with the last matrix that shares it.
+Mat tempPlane(int rows, int cols, int type) {
+    static LargePageAllocator allocator;
+    Mat m;
+    m.allocator = &allocator;
+    m.create(rows, cols, type);
+    return m;
+}
+
+// ---- per-pixel formulas ---------------------------------------------------------------------
+
+// The luminance sum in float, in this order of addition.
+inline float lumaSum(int r, int g, int b) {
+    return 0.299f * float(r) + 0.587f * float(g) + 0.114f * float(b);
+}
+
+// One output pixel of a formula.
+template <class T>
+struct Px {
+    T r, g, b;
+};
+
+// Each formula maps one pixel's Y, Dr, Db (16-bit) to r, g, b of its output type.
+struct F16 {
+    using Out = u16;
+    Px<u16> operator()(int y, int dr, int db) const {
+        int const R = sat16(y + 2 * dr - 65536);
+        int const B = sat16(y + 2 * db - 65536);
+        float const t = float(y) - float(R) * 0.299f - float(B) * 0.114f;
+        return {u16(R), sat16i(double(t) * 1.7036), u16(B)};
+    }
+};
+
+struct F15 {
+    using Out = u16;
+    Px<u16> operator()(int y, int dr, int db) const {
+        int const yh = y >> 1;
+        int const R = sat16(dr + yh - 32768);
+        int const B = sat16(db + yh - 32768);
+        float const t = float(yh) - 0.299f * float(R) - 0.114f * float(B);
+        return {u16(R), sat16i(double(t) * 1.7036), u16(B)};
+    }
+};
+
+struct F8 {
+    using Out = u8;
+    Px<u8> operator()(int y, int dr, int db) const {
+        float const rf = float((dr - 32768) * 2 + y);
+        float const bf = float((db - 32768) * 2 + y);
+        float const gf = (float(y) - 0.299f * rf - 0.114f * bf) * 1.7036f;
+        return {u8(sat16i(rf) >> 8), u8(sat16i(gf) >> 8), u8(sat16i(bf) >> 8)};
+    }
+};
+
+struct F32 {
+    using Out = float;
+    Px<float> operator()(int y, int dr, int db) const {
+        // (Y >> 1) drops the low bit of Y in r and b; hosts of this path expect it.
+        float const rf = float(dr + (y >> 1) - 32768) * 2.0f;
+        float const bf = float((y >> 1) + db - 32768) * 2.0f;
+        float const t = float(y) - 0.299f * rf - 0.114f * bf;
+        return {float(rf / 65535.0), float(double(t) * 1.7036 / 65535.0), float(bf / 65535.0)};
+    }
+};
+
+struct F32V {
+    using Out = float;
+    Px<float> operator()(int y, int dr, int db) const {
+        float const R = float(float(y + 2 * dr - 65536) / 65535.0);
+        float const B = float(float(y + 2 * db - 65536) / 65535.0);
+        return {R, float((y / 65535.0 - 0.299f * R - 0.114f * B) * 1.7036), B};
+    }
+};
+
+// One row of a formula. A function of its own with restrict-qualified pointers (outputs never
+// overlap inputs), so that the compiler vectorises it without run-time overlap checks.
+template <class F, class Out>
+void formulaRow(u16 const *__restrict y, u16 const *__restrict dr, u16 const *__restrict db,
+                Out *__restrict r, Out *__restrict g, Out *__restrict b, int cols, F f) {
+    for (int x = 0; x < cols; ++x) {
+        Px<Out> const p = f(y[x], dr[x], db[x]);
+        r[x] = p.r;
+        g[x] = p.g;
+        b[x] = p.b;
+    }
+}
+
+// Applies a formula over full-size planes; outputs are the caller's, of F::Out.
+template <class F>
+void ydrdbRows(Mat const &Y, Mat const &Dr, Mat const &Db, Mat &R, Mat &G, Mat &B, F f) {
+    using Out = typename F::Out;
+    int const cols = Y.cols;
+    parallelRows(Y.rows, std::int64_t(Y.rows) * cols, [&](int row) {
+        formulaRow(Y.ptr<u16>(row), Dr.ptr<u16>(row), Db.ptr<u16>(row), R.ptr<Out>(row),
+                   G.ptr<Out>(row), B.ptr<Out>(row), cols, f);
+    });
+}
+
+// Y of 16-bit planes; `doubled` for hosts whose data run 0..32768.
+template <bool doubled>
+void lumaRows(Mat const &R, Mat const &G, Mat const &B, Mat &Y) {
+    int const cols = R.cols;
+    parallelRows(R.rows, std::int64_t(R.rows) * cols, [&](int row) {
+        u16 const *r = R.ptr<u16>(row);
+        u16 const *g = G.ptr<u16>(row);
+        u16 const *b = B.ptr<u16>(row);
+        u16 *y = Y.ptr<u16>(row);
+        for (int x = 0; x < cols; ++x) {
+            float const s = lumaSum(r[x], g[x], b[x]);
+            y[x] = sat16i(doubled ? s + s : s);
+        }
+    });
+}
+
+// Dr, Db in place from reduced R, B and reduced Y. Plain: (c - Y) / 2 + 32768, truncating
+// towards zero and saturated. Doubled: c - (Y >> 1) + 32768, which cannot go below 0.
+template <bool doubled>
+void differenceRows(Mat &Dr, Mat &Db, Mat const &Yh) {
+    int const cols = Yh.cols;
+    parallelRows(Yh.rows, std::int64_t(Yh.rows) * cols, [&](int row) {
+        u16 const *y = Yh.ptr<u16>(row);
+        u16 *dr = Dr.ptr<u16>(row);
+        u16 *db = Db.ptr<u16>(row);
+        for (int x = 0; x < cols; ++x) {
+            if (doubled) {
+                dr[x] = u16(std::min(dr[x] - (y[x] >> 1) + 32768, 65535));
+                db[x] = u16(std::min(db[x] - (y[x] >> 1) + 32768, 65535));
+            } else {
+                dr[x] = sat16((dr[x] - y[x]) / 2 + 32768);
+                db[x] = sat16((db[x] - y[x]) / 2 + 32768);
+            }
+        }
+    });
+}
+
+// The host's three planes as matrices over its memory. A stride of 0 means contiguous rows,
+// and a single row has no stride to speak of, whatever the host passed.
+template <class T>
+void wrapPlanes(T *const *planes, int width, int height, int stride, Mat out[3]) {
+    int const type = sizeof(T) == 1 ? CV_8UC1 : CV_16UC1;
+    std::size_t const step =
+        stride != 0 && height > 1 ? std::size_t(stride) : std::size_t(width) * sizeof(T);
+    for (int c = 0; c < 3; ++c)
+        out[c] = Mat(height, width, type, planes[c], step);
+}
+
+bool emptyArea(int width, int height) {
+    return std::int64_t(width) * height < 1;
+}
+
+// ---- region of a matrix ---------------------------------------------------------------------
+
+template <class T>
+Mat matRoi(Mat const &in, int x, int y, int width, int height, int zoom, bool smooth) {
+    int const x1 = std::min(x + zoom * width, in.cols);
+    int const y1 = std::min(y + zoom * height, in.rows);
+    Mat const area = in(cv::Rect(x, y, x1 - x, y1 - y));
+    if (!smooth) {
+        if (zoom == 1) return area.clone();
+        Mat out(height, width, in.type());
+        downSizeNX(area, out, zoom, 4);
+        return out;
+    }
+    // Box passes against aliasing: a wider box and more passes the more the area shrinks.
+    int const m = std::min(area.cols, area.rows);
+    int r = 1;
+    int passes = zoom / 4 + 1;
+    if (zoom >= 5) {
+        int const a = (zoom + 1) / 3;
+        r = std::max(a, m / 2000 + 1);
+        passes = zoom - 3 * a + 2;
+    }
+    IppiSize const size{area.cols, area.rows};
+    IppiSize const whole{area.cols + 2 * r, area.rows + 2 * r};
+    Mat work(whole.height, whole.width, in.type());
+    pxCopyReplicateBorder(area.ptr<T>(), int(area.step), size, work.ptr<T>(), int(work.step), whole,
+                          r, r);
+    IppiSize const mask{2 * r + 1, 2 * r + 1};
+    IppiPoint const anchor{r, r};
+    T *inner = work.ptr<T>(r) + r;
+    if (zoom == 1) {
+        Mat out(area.rows, area.cols, in.type());
+        pxFilterBox(inner, int(work.step), out.ptr<T>(), int(out.step), size, mask, anchor);
+        return out;
+    }
+    for (int p = 0; p < passes; ++p) {
+        if (p > 0) pxReplicateBorderInPlace(inner, int(work.step), size, whole, r, r);
+        pxFilterBoxInPlace(inner, int(work.step), size, mask, anchor);
+    }
+    Mat out(height, width, in.type());
+    downSizeNX(work(cv::Rect(r, r, area.cols, area.rows)), out, zoom, 4);
+    return out;
+}
+
+// ---- single pixels --------------------------------------------------------------------------
+
+// Brings r, g, b into 0..1 by scaling about the pixel's own extreme, which keeps the hue
+// better than clipping each channel.
+void intoGamut(float &r, float &g, float &b) {
+    float const mn = std::min(r, std::min(g, b));
+    float const mx = std::max(r, std::max(g, b));
+    double const d = (double(mx) - double(mn)) + 1e-7;
+    if (mn < 0.0f) {
+        if (mx <= 0.0f) {
+            r = g = b = 0.0f;
+        } else {
+            double const s = mx / d;
+            r = float((r - mx) * s + mx);
+            g = float((g - mx) * s + mx);
+            b = float((b - mx) * s + mx);
+        }
+    } else if (mx > 1.0f) {
+        if (mn >= 1.0f) {
+            r = g = b = 1.0f;
+        } else {
+            double const s = (1.0 - mn) / d;
+            r = float((r - mn) * s + mn);
+            g = float((g - mn) * s + mn);
+            b = float((b - mn) * s + mn);
+        }
+    }
+}
+
+// Chroma on the 8-bit television-style scale.
+inline u8 chromaU8(float r, float y) {
+    return sat8r((r - y) * 128.0 / 0.701f + 128.0);
+}
+inline u8 chromaV8(float b, float y) {
+    return sat8r((b - y) * 128.0 / 0.886f + 128.0);
+}
+
+// G from y and the already inverted r and b, with the exact 0.587.
+inline float greenOf(double y, double r, double b) {
+    return float((y - 0.299f * r - 0.114f * b) / 0.587f);
+}
+
+}  // namespace
+
+// ---- from host buffers ------------------------------------------------------------------------
+
+void TPImage::convertFrompRGB(unsigned short **const planes, int width, int height, int stride) {
+    if (emptyArea(width, height)) return;
+    create(width, height, true);
+    Mat rgb[3];
+    wrapPlanes(planes, width, height, stride, rgb);
+    lumaRows<false>(rgb[0], rgb[1], rgb[2], m_Y);
+    // Colour is reduced before the difference is taken; G only ever enters Y.
+    Mat Yh = tempPlane(hHeight(), hWidth(), CV_16UC1);
+    downSize2X(m_Y, Yh, 4);
+    downSize2X(rgb[0], m_Dr, 4);
+    downSize2X(rgb[2], m_Db, 4);
+    differenceRows<false>(m_Dr, m_Db, Yh);
+    m_halfMask.setTo(255);
+    if (m_uid_p != nullptr) m_uid_p->update();
+}
+
+void TPImage::convertFrompRGB15U(unsigned short **const planes, int width, int height, int stride) {
+    if (emptyArea(width, height)) return;
+    create(width, height, true);
+    Mat rgb[3];
+    wrapPlanes(planes, width, height, stride, rgb);
+    lumaRows<true>(rgb[0], rgb[1], rgb[2], m_Y);
+    Mat Yh = tempPlane(hHeight(), hWidth(), CV_16UC1);
+    downSize2X(m_Y, Yh, 4);
+    downSize2X(rgb[0], m_Dr, 4);
+    downSize2X(rgb[2], m_Db, 4);
+    differenceRows<true>(m_Dr, m_Db, Yh);
+    m_halfMask.setTo(255);
+    if (m_uid_p != nullptr) m_uid_p->update();
+}
+
+void TPImage::convertFrom(unsigned char const *buffer, int width, int height, int stride) {
+    if (emptyArea(width, height)) return;
+    Mat R = tempPlane(height, width, CV_16UC1), G = tempPlane(height, width, CV_16UC1),
+        B = tempPlane(height, width, CV_16UC1);
+    parallelRows(height, std::int64_t(height) * width, [&](int row) {
+        u8 const *in = buffer + std::ptrdiff_t(row) * stride;
+        u16 *r = R.ptr<u16>(row);
+        u16 *g = G.ptr<u16>(row);
+        u16 *b = B.ptr<u16>(row);
+        for (int x = 0; x < width; ++x) {
+            b[x] = u16(in[4 * x] << 8);
+            g[x] = u16(in[4 * x + 1] << 8);
+            r[x] = u16(in[4 * x + 2] << 8);
+        }
+    });
+    unsigned short *planes[3] = {R.ptr<u16>(), G.ptr<u16>(), B.ptr<u16>()};
+    convertFrompRGB(planes, width, height, int(R.step));
+}
+
+void TPImage::convertFrom(unsigned short const *buffer, int width, int height, int stride) {
+    if (emptyArea(width, height)) return;
+    Mat R = tempPlane(height, width, CV_16UC1), G = tempPlane(height, width, CV_16UC1),
+        B = tempPlane(height, width, CV_16UC1);
+    parallelRows(height, std::int64_t(height) * width, [&](int row) {
+        u16 const *in = buffer + std::ptrdiff_t(row) * stride;
+        u16 *r = R.ptr<u16>(row);
+        u16 *g = G.ptr<u16>(row);
+        u16 *b = B.ptr<u16>(row);
+        for (int x = 0; x < width; ++x) {
+            b[x] = in[4 * x];
+            g[x] = in[4 * x + 1];
+            r[x] = in[4 * x + 2];
+        }
+    });
+    unsigned short *planes[3] = {R.ptr<u16>(), G.ptr<u16>(), B.ptr<u16>()};
+    convertFrompRGB(planes, width, height, int(R.step));
+}
+
+// ---- to host buffers --------------------------------------------------------------------------
+
+void TPImage::convertTo(unsigned char *buffer, int stride) const {
+    if (bEmpty()) return;
+    YDRDBToQImage(m_Y, m_Dr, m_Db, buffer, width(), height(), stride);
+}
+
+void TPImage::convertTopRGB(unsigned short **const planes, int stride) const {
+    if (bEmpty()) return;
+    Mat const Yf = getfY();
+    Mat Drf = tempPlane(Yf.rows, Yf.cols, CV_16UC1), Dbf = tempPlane(Yf.rows, Yf.cols, CV_16UC1);
+    upSize2XGuidedByYSimple(Yf, m_Dr, Drf);
+    upSize2XGuidedByYSimple(Yf, m_Db, Dbf);
+    Mat rgb[3];
+    wrapPlanes(planes, Yf.cols, Yf.rows, stride, rgb);
+    ydrdbRows(Yf, Drf, Dbf, rgb[0], rgb[1], rgb[2], F16());
+}
+
+void TPImage::convertTopRGB8U(unsigned char **const planes, int stride) const {
+    if (bEmpty()) return;
+    Mat const Yf = getfY();
+    Mat Drf = tempPlane(Yf.rows, Yf.cols, CV_16UC1), Dbf = tempPlane(Yf.rows, Yf.cols, CV_16UC1);
+    upSize2XGuidedByY(Yf, m_Dr, Drf, false, 4);
+    upSize2XGuidedByY(Yf, m_Db, Dbf, false, 4);
+    Mat rgb[3];
+    wrapPlanes(planes, Yf.cols, Yf.rows, stride, rgb);
+    ydrdbRows(Yf, Drf, Dbf, rgb[0], rgb[1], rgb[2], F8());
+}
+
+void TPImage::convertTopRGB15U(unsigned short **const planes, int stride) const {
+    if (bEmpty()) return;
+    Mat const Yf = getfY();
+    Mat Drf = tempPlane(Yf.rows, Yf.cols, CV_16UC1), Dbf = tempPlane(Yf.rows, Yf.cols, CV_16UC1);
+    upSize2XGuidedByY(Yf, m_Dr, Drf, false, 4);
+    upSize2XGuidedByY(Yf, m_Db, Dbf, false, 4);
+    Mat rgb[3];
+    wrapPlanes(planes, Yf.cols, Yf.rows, stride, rgb);
+    ydrdbRows(Yf, Drf, Dbf, rgb[0], rgb[1], rgb[2], F15());
+}
+
+void TPImage::convertToHalfpRGB(unsigned char **const planes, int stride) const {
+    if (bEmpty()) return;
+    Mat Yh = m_fY;
+    if (Yh.empty()) {
+        Yh = tempPlane(hHeight(), hWidth(), CV_16UC1);
+        downSize2X(m_Y, Yh, 4);
+    }
+    Mat rgb[3];
+    wrapPlanes(planes, hWidth(), hHeight(), stride, rgb);
+    ydrdbRows(Yh, m_Dr, m_Db, rgb[0], rgb[1], rgb[2], F8());
+}
+
+// ---- between matrices -------------------------------------------------------------------------
+
+void TPImage::YDRDB2RGB(Mat const &Y, Mat const &Dr, Mat const &Db, Mat &R, Mat &G, Mat &B) {
+    ydrdbRows(Y, Dr, Db, R, G, B, F16());
+}
+
+void TPImage::YDRDB2RGB15U(Mat const &Y, Mat const &Dr, Mat const &Db, Mat &R, Mat &G,
+                           Mat &B) const {
+    ydrdbRows(Y, Dr, Db, R, G, B, F15());
+}
+
+void TPImage::YDRDB2RGB8U(Mat const &Y, Mat const &Dr, Mat const &Db, Mat &R, Mat &G,
+                          Mat &B) const {
+    ydrdbRows(Y, Dr, Db, R, G, B, F8());
+}
+
+void TPImage::YDRDB2RGB32F(Mat const &Y, Mat const &Dr, Mat const &Db, Mat &R, Mat &G,
+                           Mat &B) const {
+    ydrdbRows(Y, Dr, Db, R, G, B, F32());
+}
+
+void TPImage::YDRDB2RGB(std::vector<Mat> &ydrdb, std::vector<Mat> &rgb) {
+    for (int c = 0; c < 3; ++c)
+        rgb[c].create(ydrdb[0].size(), CV_16UC1);
+    ydrdbRows(ydrdb[0], ydrdb[1], ydrdb[2], rgb[0], rgb[1], rgb[2], F16());
+}
+
+void TPImage::YDRDB2RGB32F(std::vector<Mat> &ydrdb, std::vector<Mat> &rgb) {
+    for (int c = 0; c < 3; ++c)
+        rgb[c].create(ydrdb[0].size(), CV_32FC1);
+    ydrdbRows(ydrdb[0], ydrdb[1], ydrdb[2], rgb[0], rgb[1], rgb[2], F32V());
+}
+
+void TPImage::RGB2YDRDB(std::vector<Mat> &rgb, std::vector<Mat> &ydrdb) {
+    for (int c = 0; c < 3; ++c)
+        ydrdb[c].create(rgb[0].size(), CV_16UC1);
+    lumaRows<false>(rgb[0], rgb[1], rgb[2], ydrdb[0]);
+    // Same size on both sides: the difference of each pixel, not of reduced planes.
+    rgb[0].copyTo(ydrdb[1]);
+    rgb[2].copyTo(ydrdb[2]);
+    differenceRows<false>(ydrdb[1], ydrdb[2], ydrdb[0]);
+}
+
+void TPImage::RGB32F2YDRDB(std::vector<Mat> &rgb, std::vector<Mat> &ydrdb) {
+    Mat const R = rgb[0], G = rgb[1], B = rgb[2];
+    for (int c = 0; c < 3; ++c)
+        ydrdb[c].create(R.size(), CV_16UC1);
+    Mat Y = ydrdb[0], Dr = ydrdb[1], Db = ydrdb[2];
+    int const cols = R.cols;
+    parallelRows(R.rows, std::int64_t(R.rows) * cols, [&](int row) {
+        float const *r = R.ptr<float>(row);
+        float const *g = G.ptr<float>(row);
+        float const *b = B.ptr<float>(row);
+        u16 *y = Y.ptr<u16>(row);
+        u16 *dr = Dr.ptr<u16>(row);
+        u16 *db = Db.ptr<u16>(row);
+        for (int x = 0; x < cols; ++x) {
+            float const s = 0.299f * r[x] + 0.587f * g[x] + 0.114f * b[x];
+            u16 const Yv = sat16r(s * 65535.0);
+            y[x] = Yv;
+            dr[x] = sat16r((r[x] * 65535.0 - Yv) * 0.5 + 32768.0);
+            db[x] = sat16r((b[x] * 65535.0 - Yv) * 0.5 + 32768.0);
+        }
+    });
+}
+
+void TPImage::PRGB2Y(Mat const &R, Mat const &G, Mat const &B, Mat &Y) {
+    Y.create(R.size(), CV_16UC1);
+    lumaRows<false>(R, G, B, Y);
+}
+
+void TPImage::PRGB15U2Y(Mat const &R, Mat const &G, Mat const &B, Mat &Y) {
+    Y.create(R.size(), CV_16UC1);
+    lumaRows<true>(R, G, B, Y);
+}
+
+// ---- packed 8-bit for display -----------------------------------------------------------------
+
+void TPImage::YDRDBToQImage(Mat const &Y, Mat const &Dr, Mat const &Db, unsigned char *out,
+                            int width, int height, int stride) {
+    kxRequire(Y.type() == CV_16UC1 && Dr.type() == CV_16UC1 && Db.type() == CV_16UC1,
+              "ERROR TPImage::YDrDbToQImage - input type");
+    Mat Drf = tempPlane(Y.rows, Y.cols, CV_16UC1), Dbf = tempPlane(Y.rows, Y.cols, CV_16UC1);
+    upSize2XGuidedByYSimple(Y, Dr, Drf);
+    upSize2XGuidedByYSimple(Y, Db, Dbf);
+    parallelRows(height, std::int64_t(height) * width, [&](int row) {
+        u16 const *y = Y.ptr<u16>(row);
+        u16 const *dr = Drf.ptr<u16>(row);
+        u16 const *db = Dbf.ptr<u16>(row);
+        u8 *o = out + std::ptrdiff_t(row) * stride;
+        for (int x = 0; x < width; ++x) {
+            int const r = y[x] + 2 * dr[x] - 65536;
+            int const b = y[x] + 2 * db[x] - 65536;
+            // Truncated, not rounded: display previews of hosts match this byte for byte.
+            int const g = int((float(y[x]) - float(r) * 0.299f - float(b) * 0.114f) * 1.7036f);
+            o[4 * x] = sat8(b >> 8);
+            o[4 * x + 1] = sat8(g >> 8);
+            o[4 * x + 2] = sat8(r >> 8);
+            o[4 * x + 3] = 255;
+        }
+    });
+}
+
+void TPImage::RGBC3ToQImage(Mat const &rgb, unsigned char *out, int width, int height, int stride) {
+    int const type = rgb.type();
+    kxRequire(type == CV_8UC3 || type == CV_16UC3,
+              "TPImage::RGBC3ToQImage - Wrong input data type");
+    parallelRows(height, std::int64_t(height) * width, [&](int row) {
+        u8 *o = out + std::ptrdiff_t(row) * stride;
+        if (type == CV_8UC3) {
+            u8 const *in = rgb.ptr<u8>(row);
+            for (int x = 0; x < width; ++x) {
+                o[4 * x] = in[3 * x];
+                o[4 * x + 1] = in[3 * x + 1];
+                o[4 * x + 2] = in[3 * x + 2];
+                o[4 * x + 3] = 255;
+            }
+        } else {
+            u16 const *in = rgb.ptr<u16>(row);
+            for (int x = 0; x < width; ++x) {
+                o[4 * x] = u8(in[3 * x] >> 8);
+                o[4 * x + 1] = u8(in[3 * x + 1] >> 8);
+                o[4 * x + 2] = u8(in[3 * x + 2] >> 8);
+                o[4 * x + 3] = 255;
+            }
+        }
+    });
+}
+
+Mat TPImage::MatRoi(Mat const &in, int x, int y, int width, int height, int zoom, bool half,
+                    bool smooth) {
+    int const type = in.type();
+    kxRequire(type == CV_8UC1 || type == CV_16UC1 || type == CV_32FC1,
+              "ERROR TPImage::MatRoi - input type");
+    if (half) {
+        x /= 2;
+        y /= 2;
+        width = TPImage::half(width);
+        height = TPImage::half(height);
+    }
+    switch (type) {
+        case CV_8UC1:
+            return matRoi<u8>(in, x, y, width, height, zoom, smooth);
+        case CV_16UC1:
+            return matRoi<u16>(in, x, y, width, height, zoom, smooth);
+        default:
+            return matRoi<float>(in, x, y, width, height, zoom, smooth);
+    }
+}
+
+// ---- single pixels ----------------------------------------------------------------------------
+
+void TPImage::RGB2YUV(float r, float g, float b, unsigned short &y, unsigned char &u,
+                      unsigned char &v) {
+    intoGamut(r, g, b);
+    float const yf = 0.299f * r + 0.587f * g + 0.114f * b;
+    y = sat16r(yf * 65535.0);
+    u = chromaU8(r, yf);
+    v = chromaV8(b, yf);
+}
+
+void TPImage::RGB2YUV(float r, float g, float b, unsigned char &y, unsigned char &u,
+                      unsigned char &v) {
+    intoGamut(r, g, b);
+    float const yf = 0.299f * r + 0.587f * g + 0.114f * b;
+    y = sat8r(yf * 255.0);
+    u = chromaU8(r, yf);
+    v = chromaV8(b, yf);
+}
+
+void TPImage::RGB2YUV(float r, float g, float b, unsigned short &y, unsigned short &u,
+                      unsigned short &v) {
+    intoGamut(r, g, b);
+    float const yf = 0.299f * r + 0.587f * g + 0.114f * b;
+    y = sat16r(yf * 65535.0);
+    u = sat16r((r - yf) * 0.5 * 32768.0 + 32768.0);
+    v = sat16r((b - yf) * 0.5 * 32768.0 + 32768.0);
+}
+
+void TPImage::RGB2YUV(float r, float g, float b, float &y, float &u, float &v) {
+    y = 0.299f * r + 0.587f * g + 0.114f * b;
+    u = (r - y) * 0.5f / 0.701f + 0.5f;
+    v = (b - y) * 0.5f / 0.886f + 0.5f;
+}
+
+void TPImage::YUV2RGB(unsigned short y, unsigned char u, unsigned char v, float &r, float &g,
+                      float &b) {
+    double const yd = y / 65535.0;
+    double const rd = (u - 128.0) * 0.0078125 * 0.701f + yd;
+    double const bd = (v - 128.0) * 0.0078125 * 0.886f + yd;
+    r = float(rd);
+    g = greenOf(yd, rd, bd);
+    b = float(bd);
+}
+
+void TPImage::YUV2RGB(unsigned char y, unsigned char u, unsigned char v, float &r, float &g,
+                      float &b) {
+    double const yd = y / 255.0;
+    double const rd = (u - 128.0) * 0.0078125 * 0.701f + yd;
+    double const bd = (v - 128.0) * 0.0078125 * 0.886f + yd;
+    r = float(rd);
+    g = greenOf(yd, rd, bd);
+    b = float(bd);
+}
+
+void TPImage::YUV2RGB(unsigned short y, unsigned short u, unsigned short v, float &r, float &g,
+                      float &b) {
+    double const yd = y / 65535.0;
+    double const rd = (u - 32768.0) * 2.0 * 3.0517578e-5 + yd;
+    double const bd = (v - 32768.0) * 2.0 * 3.0517578e-5 + yd;
+    r = float(rd);
+    g = greenOf(yd, rd, bd);
+    b = float(bd);
+}
+
+void TPImage::YUV2RGB(float y, float u, float v, float &r, float &g, float &b) {
+    r = (u - 0.5f) * 2.0f * 0.701f + y;
+    b = (v - 0.5f) * 2.0f * 0.886f + y;
+    g = (y - 0.299f * r - 0.114f * b) / 0.587f;
+}
+
+void TPImage::RGB2YdRdB(float r, float g, float b, unsigned short &Y, unsigned short &Dr,
+                        unsigned short &Db) {
+    double const s = 65535.0;
+    // y, not the rounded Y, enters the differences.
+    double const y = g * s * 0.587f + 0.299f * (r * s) + 0.114f * (b * s);
+    Y = sat16r(y);
+    Dr = sat16r((r * s - y) * 0.5 + 32768.0);
+    Db = sat16r((b * s - y) * 0.5 + 32768.0);
+}
+
+void TPImage::YdRdB2RGB(unsigned short Y, unsigned short Dr, unsigned short Db, float &r, float &g,
+                        float &b) {
+    float const rf = (Dr - 32768.0f) * 2.0f + Y;
+    float const bf = (Db - 32768.0f) * 2.0f + Y;
+    float const gf = rintF((Y - 0.299f * rf - 0.114f * bf) * 1.7036f);
+    r = float(sat16r(rf) / 65535.0);
+    g = float(sat16r(gf) / 65535.0);
+    b = float(sat16r(bf) / 65535.0);
+}
+
+float TPImage::smoothstep(float edge0, float edge1, float x) {
+    if (x < edge0) return 0.0f;
+    if (x >= edge1) return 1.0f;
+    float const t = (x - edge0) / (edge1 - edge0);
+    return t * t * (3.0f - t - t);
+}
