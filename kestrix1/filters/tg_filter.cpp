@@ -89,6 +89,23 @@ struct Colour {
             coef[c] = inv[c] * covP[0] + inv[3 + c] * covP[1] + inv[6 + c] * covP[2];
         coef[3] = meanP - mean[0] * coef[0] - mean[1] * coef[1] - mean[2] * coef[2];
     }
+
+    // The model at pixel x from the 13 window means of ColourQuantities; also gives the
+    // guide's means and covariances (without eps).
+    void fromMeans(float const *const *m, int x, float mean[3], float cov[6], float coef[4]) const {
+        for (int c = 0; c < 3; ++c)
+            mean[c] = m[c][x];
+        float const meanP = m[3][x];
+        float const covP[3] = {m[4][x] - mean[0] * meanP, m[5][x] - mean[1] * meanP,
+                               m[6][x] - mean[2] * meanP};
+        cov[0] = m[7][x] - mean[0] * mean[0];
+        cov[1] = m[8][x] - mean[0] * mean[1];
+        cov[2] = m[9][x] - mean[0] * mean[2];
+        cov[3] = m[10][x] - mean[1] * mean[1];
+        cov[4] = m[11][x] - mean[1] * mean[2];
+        cov[5] = m[12][x] - mean[2] * mean[2];
+        (*this)(mean, meanP, covP, cov, coef);
+    }
 };
 
 // Window quantities of one guide: I, p, I*p, I*I.
@@ -579,14 +596,8 @@ void TGFilter::gFc3_estimate(std::vector<cv::Mat> const &guides, cv::Mat const &
     Colour const colour{eps};
     auto model = [&](int, float const *const *m, float *const *c, bool) {
         for (int x = 0; x < p.cols; ++x) {
-            float const mean[3] = {m[0][x], m[1][x], m[2][x]}, meanP = m[3][x];
-            float const covP[3] = {m[4][x] - mean[0] * meanP, m[5][x] - mean[1] * meanP,
-                                   m[6][x] - mean[2] * meanP};
-            float const cov[6] = {m[7][x] - mean[0] * mean[0],  m[8][x] - mean[0] * mean[1],
-                                  m[9][x] - mean[0] * mean[2],  m[10][x] - mean[1] * mean[1],
-                                  m[11][x] - mean[1] * mean[2], m[12][x] - mean[2] * mean[2]};
-            float coef[4];
-            colour(mean, meanP, covP, cov, coef);
+            float mean[3], cov[6], coef[4];
+            colour.fromMeans(m, x, mean, cov, coef);
             for (int k = 0; k < 4; ++k)
                 c[k][x] = coef[k];
         }
@@ -634,14 +645,8 @@ void TGFilter::gFc3_estimateFixedR(std::vector<cv::Mat> const &guides, cv::Mat c
         m.create(p.size(), CV_32F);
     auto model = [&](int y, float const *const *m, float *const *c, bool own) {
         for (int x = 0; x < p.cols; ++x) {
-            float const mean[3] = {m[0][x], m[1][x], m[2][x]}, meanP = m[3][x];
-            float const covP[3] = {m[4][x] - mean[0] * meanP, m[5][x] - mean[1] * meanP,
-                                   m[6][x] - mean[2] * meanP};
-            float const cov[6] = {m[7][x] - mean[0] * mean[0],  m[8][x] - mean[0] * mean[1],
-                                  m[9][x] - mean[0] * mean[2],  m[10][x] - mean[1] * mean[1],
-                                  m[11][x] - mean[1] * mean[2], m[12][x] - mean[2] * mean[2]};
-            float coef[4];
-            colour(mean, meanP, covP, cov, coef);
+            float mean[3], cov[6], coef[4];
+            colour.fromMeans(m, x, mean, cov, coef);
             for (int k = 0; k < 4; ++k)
                 c[k][x] = coef[k];
             if (!own) continue;

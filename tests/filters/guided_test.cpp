@@ -14,17 +14,11 @@
 
 #include "tests/support/guided_reference.h"
 #include "tests/support/images.h"
+#include "tests/support/throws.h"
 
 namespace {
 
-std::string thrown(std::function<void()> const &f) {
-    try {
-        f();
-    } catch (char const *text) {
-        return text;
-    }
-    return "(nothing thrown)";
-}
+using kxtest::thrown;
 
 // Runs f with standard output captured; returns its lines.
 std::vector<std::string> printedLines(std::function<void()> const &f) {

@@ -14,6 +14,7 @@
 
 #include "tests/support/guided_reference.h"
 #include "tests/support/images.h"
+#include "tests/support/throws.h"
 
 namespace {
 
@@ -40,14 +41,7 @@ struct Open : TGFilter {
     kxtest::GuidedCoefs coefs(int n) const { return {Planes(coefA, coefA + n), coefB}; }
 };
 
-std::string thrown(std::function<void()> const &f) {
-    try {
-        f();
-    } catch (char const *text) {
-        return text;
-    }
-    return "(nothing thrown)";
-}
+using kxtest::thrown;
 
 // A float plane in 0..1 with edges, gradients and texture.
 cv::Mat pattern(int rows, int cols, std::uint64_t seed) {

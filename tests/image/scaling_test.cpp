@@ -13,19 +13,13 @@
 #include <string>
 
 #include "tests/support/images.h"
+#include "tests/support/throws.h"
 
 namespace {
 
 using u16 = std::uint16_t;
 
-std::string thrown(std::function<void()> const &f) {
-    try {
-        f();
-    } catch (char const *text) {
-        return text;
-    }
-    return "(nothing thrown)";
-}
+using kxtest::thrown;
 
 bool same(cv::Mat const &a, cv::Mat const &b) {
     return a.size() == b.size() && a.type() == b.type() && cv::norm(a, b, cv::NORM_INF) == 0;

@@ -14,20 +14,14 @@
 #include "kestrix1/image/scaling.h"
 #include "kestrix1/image/tp_image.h"
 #include "tests/support/images.h"
+#include "tests/support/throws.h"
 
 namespace {
 
 using u8 = std::uint8_t;
 using u16 = std::uint16_t;
 
-std::string thrown(std::function<void()> const &f) {
-    try {
-        f();
-    } catch (char const *text) {
-        return text;
-    }
-    return "(nothing thrown)";
-}
+using kxtest::thrown;
 
 int sat(double v, int hi) {
     return v < 0 ? 0 : v > hi ? hi : int(v);
