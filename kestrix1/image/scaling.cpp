@@ -12,6 +12,7 @@
 #include "kestrix1/filters/tg_filter.h"
 #include "kestrix1/frame/errors.h"
 #include "kestrix1/frame/messages.h"
+#include "kestrix1/image/nearest_in_guide.h"
 #include "kestrix1/kernels/parallel.h"
 #include "kestrix1/kernels/px_filter.h"
 #include "kestrix1/kernels/px_geometry.h"
@@ -194,38 +195,6 @@ void binomialUp(cv::Mat const &in, cv::Mat &out) {
 
 // ---- nearest-in-guide enlargement ---------------------------------------------------------
 
-inline std::uint16_t absDiff(std::uint16_t a, std::uint16_t b) {
-    // Two saturating differences, one of them 0: exact and vectorisable on 16-bit lanes.
-    return std::uint16_t((a > b ? a - b : 0) | (b > a ? b - a : 0));
-}
-
-// One candidate of the nearest-in-guide choice: its guide values and its chroma values.
-struct Candidate {
-    std::uint16_t const *guide;
-    std::uint16_t const *value;
-};
-
-// res[2i] = the value of the candidate whose guide is nearest to t[2i], for i below n; the
-// candidates are read at the same stride. A later candidate wins only when strictly nearer,
-// so ties keep the earlier one. res may lie in the row that holds the candidates' values as
-// long as it writes none of the pixels they read. Runs inside a parallel region.
-void nearestOf4(std::uint16_t const *t, Candidate c0, Candidate c1, Candidate c2, Candidate c3,
-                std::uint16_t *__restrict res, int n) {
-    for (int i = 0; i < 2 * n; i += 2) {
-        // Every load is unconditional, so the choices compile to selects, not branches.
-        std::uint16_t const ti = t[i];
-        std::uint16_t const d0 = absDiff(c0.guide[i], ti), d1 = absDiff(c1.guide[i], ti);
-        std::uint16_t const d2 = absDiff(c2.guide[i], ti), d3 = absDiff(c3.guide[i], ti);
-        std::uint16_t const v0 = c0.value[i], v1 = c1.value[i];
-        std::uint16_t const v2 = c2.value[i], v3 = c3.value[i];
-        bool const take1 = d1 < d0;
-        std::uint16_t const b01 = take1 ? d1 : d0, v01 = take1 ? v1 : v0;
-        bool const take2 = d2 < b01;
-        std::uint16_t const b012 = take2 ? d2 : b01, v012 = take2 ? v2 : v01;
-        res[i] = d3 < b012 ? v3 : v012;
-    }
-}
-
 void replicateHalf(cv::Mat const &in, cv::Mat &out) {
     for (int r = 0; r < out.rows; ++r) {
         std::uint16_t const *s = in.ptr<std::uint16_t>(r / 2);
@@ -235,61 +204,21 @@ void replicateHalf(cv::Mat const &in, cv::Mat &out) {
     }
 }
 
+// Each thread takes whole pairs of rows, so that no band is shorter than two rows, and
+// finishes them in bands small enough to stay in cache. The rows a band reads above and
+// below itself are filled again in a scratch of its own, never in a neighbour's output.
 void nearestInGuide(cv::Mat const &y, cv::Mat const &in, cv::Mat &out) {
     int const H = y.rows, W = y.cols;
-    std::int64_t const work = std::int64_t(H) * W;
-    auto o = [&](int r) { return out.ptr<std::uint16_t>(r); };
-    auto g = [&](int r) { return y.ptr<std::uint16_t>(r); };
-
-    // Place the half plane on the even rows and columns. The odd columns of these rows get
-    // the same values, which is a contiguous store; nothing reads them before the cross
-    // fill or the outer rows replace them.
-    parallelRows((H + 1) / 2, work / 2, [&](int k) {
-        std::uint16_t const *s = in.ptr<std::uint16_t>(k);
-        std::uint16_t *d = o(2 * k);
-        for (int j = 0; j < W / 2; ++j)
-            d[2 * j] = d[2 * j + 1] = s[j];
-        d[W - 1] = s[in.cols - 1];
+    parallelBands(H / 2, std::int64_t(H) * W, [&](int p0, int p1) {
+        int const y0 = 2 * p0, y1 = p1 == H / 2 ? H : 2 * p1;
+        cv::Mat scratch(4, W, CV_16UC1);
+        nearest::forEachBand(y0, y1, nearest::kBandRows, [&](int a, int b) {
+            nearest::enlargeBand(y, in, a, b, [&](int r) {
+                if (r >= a && r < b) return out.ptr<std::uint16_t>(r);
+                return scratch.ptr<std::uint16_t>(r < a ? r - a + 2 : r - b + 2);
+            });
+        });
     });
-    // An even height leaves the last row without an even row of its own.
-    if (H % 2 == 0) {
-        std::uint16_t const *s = in.ptr<std::uint16_t>(in.rows - 1);
-        std::uint16_t *d = o(H - 1);
-        for (int c = 0; c < W; ++c)
-            d[c] = s[c / 2];
-    }
-    // Odd rows, odd columns 1, 3, .. W - 2: the nearest of the four diagonal corners.
-    parallelRows((H - 1) / 2, work / 2, [&](int k) {
-        int const r = 2 * k + 1;
-        std::uint16_t const *ou = o(r - 1), *od = o(r + 1);
-        std::uint16_t const *gu = g(r - 1), *gr = g(r), *gd = g(r + 1);
-        std::uint16_t *d = o(r);
-        nearestOf4(gr + 1, {gu, ou}, {gu + 2, ou + 2}, {gd, od}, {gd + 2, od + 2}, d + 1,
-                   (W - 1) / 2);
-        if (W % 2 == 0) {
-            int const c = W - 1;
-            d[c] = absDiff(gd[c - 1], gr[c]) < absDiff(gu[c - 1], gr[c]) ? od[c - 1] : ou[c - 1];
-        }
-    });
-    // The pixels with r + c odd, c below W - 1: the nearest of up, left, right and down.
-    // Integer distances of 16-bit values are exact in float too, so the choice is the same
-    // either way.
-    parallelRows(H - 2, work, [&](int k) {
-        int const r = k + 1, c = 1 + (r & 1);
-        std::uint16_t const *ou = o(r - 1) + c, *od = o(r + 1) + c;
-        std::uint16_t const *gu = g(r - 1) + c, *gr = g(r) + c, *gd = g(r + 1) + c;
-        std::uint16_t *d = o(r) + c;
-        nearestOf4(gr, {gu, ou}, {gr - 1, d - 1}, {gr + 1, d + 1}, {gd, od}, d, (W - c) / 2);
-    });
-    // The outer columns, then the outer rows, copy their inner neighbours.
-    parallelRows(H, work / 64, [&](int r) {
-        std::uint16_t *d = o(r);
-        d[0] = d[1];
-        d[W - 1] = d[W - 2];
-    });
-    std::size_t const rowBytes = std::size_t(W) * sizeof(std::uint16_t);
-    std::memcpy(o(0), o(1), rowBytes);
-    std::memcpy(o(H - 1), o(H - 2), rowBytes);
 }
 
 // The guided path of the guided enlargements: `guideSmall` is y reduced to in's size.

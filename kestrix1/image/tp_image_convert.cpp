@@ -3,19 +3,18 @@
 // Every per-pixel loop runs through parallelRows. The formulas keep their exact precision
 // (which products are float, which double, where a value is rounded or truncated), because
 // hosts compare pixels of one version of the library against another.
-#include <sys/mman.h>
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
-#include <new>
 
 #include "kestrix1/frame/errors.h"
+#include "kestrix1/image/nearest_in_guide.h"
 #include "kestrix1/image/scaling.h"
 #include "kestrix1/image/tp_image.h"
 #include "kestrix1/kernels/parallel.h"
 #include "kestrix1/kernels/px_filter.h"
 #include "kestrix1/kernels/px_geometry.h"
+#include "kestrix1/kernels/px_memory.h"
 
 using cv::Mat;
 
@@ -62,68 +61,6 @@ inline u8 sat8r(double v) {
     v = v > 0.0 ? v : 0.0;
     v = v < 255.0 ? v : 255.0;
     return u8(rintD(v));
-}
-
-// ---- temporary planes -------------------------------------------------------------------------
-
-// Allocates large temporaries on 2 MiB boundaries and asks the kernel for huge pages there.
-// A fresh full-size plane is otherwise touched one 4 KiB page fault at a time, and for a
-// 24-megapixel photograph those faults cost more than the conversion itself. Where huge
-// pages are not on offer the advice is ignored and nothing else changes.
-class LargePageAllocator : public cv::MatAllocator {
-public:
-    cv::UMatData *allocate(int dims, int const *sizes, int type, void *data0, std::size_t *step,
-                           cv::AccessFlag, cv::UMatUsageFlags) const override {
-        std::size_t total = CV_ELEM_SIZE(type);
-        for (int i = dims - 1; i >= 0; --i) {
-            if (step != nullptr) {
-                if (data0 != nullptr && step[i] != cv::Mat::AUTO_STEP)
-                    total = step[i];
-                else
-                    step[i] = total;
-            }
-            total *= std::size_t(sizes[i]);
-        }
-        auto *u = new cv::UMatData(this);
-        u->data = u->origdata = static_cast<uchar *>(data0 != nullptr ? data0 : take(total));
-        u->size = total;
-        if (data0 != nullptr) u->flags |= cv::UMatData::USER_ALLOCATED;
-        return u;
-    }
-    bool allocate(cv::UMatData *u, cv::AccessFlag, cv::UMatUsageFlags) const override {
-        return u != nullptr;
-    }
-    void deallocate(cv::UMatData *u) const override {
-        if (u == nullptr) return;
-        if (!(u->flags & cv::UMatData::USER_ALLOCATED)) std::free(u->origdata);
-        delete u;
-    }
-
-private:
-    static void *take(std::size_t bytes) {
-        constexpr std::size_t kHuge = std::size_t(2) << 20;
-        if (bytes < kHuge) {
-            void *p = std::malloc(bytes > 0 ? bytes : 1);
-            if (p == nullptr) throw std::bad_alloc();
-            return p;
-        }
-        std::size_t const rounded = (bytes + kHuge - 1) / kHuge * kHuge;
-        void *p = std::aligned_alloc(kHuge, rounded);
-        if (p == nullptr) throw std::bad_alloc();
-#ifdef MADV_HUGEPAGE
-        madvise(p, rounded, MADV_HUGEPAGE);
-#endif
-        return p;
-    }
-};
-
-// A temporary plane, freed with the last matrix that shares it.
-Mat tempPlane(int rows, int cols, int type) {
-    static LargePageAllocator allocator;
-    Mat m;
-    m.allocator = &allocator;
-    m.create(rows, cols, type);
-    return m;
 }
 
 // ---- per-pixel formulas ---------------------------------------------------------------------
@@ -213,6 +150,43 @@ void ydrdbRows(Mat const &Y, Mat const &Dr, Mat const &Db, Mat &R, Mat &G, Mat &
         formulaRow(Y.ptr<u16>(row), Dr.ptr<u16>(row), Db.ptr<u16>(row), R.ptr<Out>(row),
                    G.ptr<Out>(row), B.ptr<Out>(row), cols, f);
     });
+}
+
+// A formula over Y and the half-size Dr, Db enlarged with Y as guide. The chroma is enlarged
+// a band of rows at a time into scratch rows of each thread and consumed at once, so no
+// full-size chroma plane is ever made.
+template <class F>
+void nearestChromaRows(Mat const &Y, Mat const &Dr, Mat const &Db, Mat rgb[3], F f) {
+    using Out = typename F::Out;
+    int const H = Y.rows, W = Y.cols;
+    if (H < 2 || W < 2) {
+        Mat Drf, Dbf;
+        upSize2XGuidedByYSimple(Y, Dr, Drf);
+        upSize2XGuidedByYSimple(Y, Db, Dbf);
+        ydrdbRows(Y, Drf, Dbf, rgb[0], rgb[1], rgb[2], f);
+        return;
+    }
+    parallelBands(H / 2, std::int64_t(H) * W, [&](int p0, int p1) {
+        int const y0 = 2 * p0, y1 = p1 == H / 2 ? H : 2 * p1;
+        // Rows a - 2 .. b + 1 of a band of at most kBandRows + 1 rows.
+        Mat dr(nearest::kBandRows + 5, W, CV_16UC1), db(nearest::kBandRows + 5, W, CV_16UC1);
+        nearest::forEachBand(y0, y1, nearest::kBandRows, [&](int a, int b) {
+            nearest::enlargeBand(Y, Dr, a, b, [&](int r) { return dr.ptr<u16>(r - a + 2); });
+            nearest::enlargeBand(Y, Db, a, b, [&](int r) { return db.ptr<u16>(r - a + 2); });
+            for (int r = a; r < b; ++r)
+                formulaRow(Y.ptr<u16>(r), dr.ptr<u16>(r - a + 2), db.ptr<u16>(r - a + 2),
+                           rgb[0].ptr<Out>(r), rgb[1].ptr<Out>(r), rgb[2].ptr<Out>(r), W, f);
+        });
+    });
+}
+
+// A formula over Y and the half-size Dr, Db enlarged by cubic resampling.
+template <class F>
+void cubicChromaRows(Mat const &Y, Mat const &Dr, Mat const &Db, Mat rgb[3], F f) {
+    Mat Drf = pxTempPlane(Y.rows, Y.cols, CV_16UC1), Dbf = pxTempPlane(Y.rows, Y.cols, CV_16UC1);
+    upSize2XGuidedByY(Y, Dr, Drf, false, 4);
+    upSize2XGuidedByY(Y, Db, Dbf, false, 4);
+    ydrdbRows(Y, Drf, Dbf, rgb[0], rgb[1], rgb[2], f);
 }
 
 // Y of 16-bit planes; `doubled` for hosts whose data run 0..32768.
@@ -364,7 +338,7 @@ void TPImage::convertFrompRGB(unsigned short **const planes, int width, int heig
     wrapPlanes(planes, width, height, stride, rgb);
     lumaRows<false>(rgb[0], rgb[1], rgb[2], m_Y);
     // Colour is reduced before the difference is taken; G only ever enters Y.
-    Mat Yh = tempPlane(hHeight(), hWidth(), CV_16UC1);
+    Mat Yh = pxTempPlane(hHeight(), hWidth(), CV_16UC1);
     downSize2X(m_Y, Yh, 4);
     downSize2X(rgb[0], m_Dr, 4);
     downSize2X(rgb[2], m_Db, 4);
@@ -379,7 +353,7 @@ void TPImage::convertFrompRGB15U(unsigned short **const planes, int width, int h
     Mat rgb[3];
     wrapPlanes(planes, width, height, stride, rgb);
     lumaRows<true>(rgb[0], rgb[1], rgb[2], m_Y);
-    Mat Yh = tempPlane(hHeight(), hWidth(), CV_16UC1);
+    Mat Yh = pxTempPlane(hHeight(), hWidth(), CV_16UC1);
     downSize2X(m_Y, Yh, 4);
     downSize2X(rgb[0], m_Dr, 4);
     downSize2X(rgb[2], m_Db, 4);
@@ -390,8 +364,8 @@ void TPImage::convertFrompRGB15U(unsigned short **const planes, int width, int h
 
 void TPImage::convertFrom(unsigned char const *buffer, int width, int height, int stride) {
     if (emptyArea(width, height)) return;
-    Mat R = tempPlane(height, width, CV_16UC1), G = tempPlane(height, width, CV_16UC1),
-        B = tempPlane(height, width, CV_16UC1);
+    Mat R = pxTempPlane(height, width, CV_16UC1), G = pxTempPlane(height, width, CV_16UC1),
+        B = pxTempPlane(height, width, CV_16UC1);
     parallelRows(height, std::int64_t(height) * width, [&](int row) {
         u8 const *in = buffer + std::ptrdiff_t(row) * stride;
         u16 *r = R.ptr<u16>(row);
@@ -409,8 +383,8 @@ void TPImage::convertFrom(unsigned char const *buffer, int width, int height, in
 
 void TPImage::convertFrom(unsigned short const *buffer, int width, int height, int stride) {
     if (emptyArea(width, height)) return;
-    Mat R = tempPlane(height, width, CV_16UC1), G = tempPlane(height, width, CV_16UC1),
-        B = tempPlane(height, width, CV_16UC1);
+    Mat R = pxTempPlane(height, width, CV_16UC1), G = pxTempPlane(height, width, CV_16UC1),
+        B = pxTempPlane(height, width, CV_16UC1);
     parallelRows(height, std::int64_t(height) * width, [&](int row) {
         u16 const *in = buffer + std::ptrdiff_t(row) * stride;
         u16 *r = R.ptr<u16>(row);
@@ -436,41 +410,30 @@ void TPImage::convertTo(unsigned char *buffer, int stride) const {
 void TPImage::convertTopRGB(unsigned short **const planes, int stride) const {
     if (bEmpty()) return;
     Mat const Yf = getfY();
-    Mat Drf = tempPlane(Yf.rows, Yf.cols, CV_16UC1), Dbf = tempPlane(Yf.rows, Yf.cols, CV_16UC1);
-    upSize2XGuidedByYSimple(Yf, m_Dr, Drf);
-    upSize2XGuidedByYSimple(Yf, m_Db, Dbf);
     Mat rgb[3];
     wrapPlanes(planes, Yf.cols, Yf.rows, stride, rgb);
-    ydrdbRows(Yf, Drf, Dbf, rgb[0], rgb[1], rgb[2], F16());
+    nearestChromaRows(Yf, m_Dr, m_Db, rgb, F16());
 }
 
 void TPImage::convertTopRGB8U(unsigned char **const planes, int stride) const {
     if (bEmpty()) return;
-    Mat const Yf = getfY();
-    Mat Drf = tempPlane(Yf.rows, Yf.cols, CV_16UC1), Dbf = tempPlane(Yf.rows, Yf.cols, CV_16UC1);
-    upSize2XGuidedByY(Yf, m_Dr, Drf, false, 4);
-    upSize2XGuidedByY(Yf, m_Db, Dbf, false, 4);
     Mat rgb[3];
-    wrapPlanes(planes, Yf.cols, Yf.rows, stride, rgb);
-    ydrdbRows(Yf, Drf, Dbf, rgb[0], rgb[1], rgb[2], F8());
+    wrapPlanes(planes, width(), height(), stride, rgb);
+    cubicChromaRows(getfY(), m_Dr, m_Db, rgb, F8());
 }
 
 void TPImage::convertTopRGB15U(unsigned short **const planes, int stride) const {
     if (bEmpty()) return;
-    Mat const Yf = getfY();
-    Mat Drf = tempPlane(Yf.rows, Yf.cols, CV_16UC1), Dbf = tempPlane(Yf.rows, Yf.cols, CV_16UC1);
-    upSize2XGuidedByY(Yf, m_Dr, Drf, false, 4);
-    upSize2XGuidedByY(Yf, m_Db, Dbf, false, 4);
     Mat rgb[3];
-    wrapPlanes(planes, Yf.cols, Yf.rows, stride, rgb);
-    ydrdbRows(Yf, Drf, Dbf, rgb[0], rgb[1], rgb[2], F15());
+    wrapPlanes(planes, width(), height(), stride, rgb);
+    cubicChromaRows(getfY(), m_Dr, m_Db, rgb, F15());
 }
 
 void TPImage::convertToHalfpRGB(unsigned char **const planes, int stride) const {
     if (bEmpty()) return;
     Mat Yh = m_fY;
     if (Yh.empty()) {
-        Yh = tempPlane(hHeight(), hWidth(), CV_16UC1);
+        Yh = pxTempPlane(hHeight(), hWidth(), CV_16UC1);
         downSize2X(m_Y, Yh, 4);
     }
     Mat rgb[3];
@@ -560,7 +523,7 @@ void TPImage::YDRDBToQImage(Mat const &Y, Mat const &Dr, Mat const &Db, unsigned
                             int width, int height, int stride) {
     kxRequire(Y.type() == CV_16UC1 && Dr.type() == CV_16UC1 && Db.type() == CV_16UC1,
               "ERROR TPImage::YDrDbToQImage - input type");
-    Mat Drf = tempPlane(Y.rows, Y.cols, CV_16UC1), Dbf = tempPlane(Y.rows, Y.cols, CV_16UC1);
+    Mat Drf = pxTempPlane(Y.rows, Y.cols, CV_16UC1), Dbf = pxTempPlane(Y.rows, Y.cols, CV_16UC1);
     upSize2XGuidedByYSimple(Y, Dr, Drf);
     upSize2XGuidedByYSimple(Y, Db, Dbf);
     parallelRows(height, std::int64_t(height) * width, [&](int row) {

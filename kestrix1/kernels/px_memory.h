@@ -7,6 +7,8 @@
 
 #include <cstdint>
 
+#include <opencv2/core.hpp>
+
 constexpr int kxAlign = 64;
 
 // `len` bytes.
@@ -24,3 +26,10 @@ std::uint16_t *pxMallocImage_16u(int width, int height, int channels, int *step)
 float *pxMallocImage_32f(int width, int height, int channels, int *step);
 
 void pxFree(void *p);
+
+// A temporary plane of rows x cols of `type`, freed with the last matrix that shares it.
+// Planes of 2 MiB or more sit on 2 MiB boundaries with the kernel asked for huge pages
+// there: a fresh full-size plane is otherwise touched one 4 KiB page fault at a time, and
+// for a 24-megapixel photograph those faults can cost more than the work done on it. Where
+// huge pages are not on offer the advice is ignored and nothing else changes.
+cv::Mat pxTempPlane(int rows, int cols, int type);

@@ -57,6 +57,54 @@ cv::Mat clampReference(cv::Mat const &m, int left, int top, int right, int botto
     return out;
 }
 
+// The nearest-in-guide enlargement written plainly over the whole plane, step by step.
+cv::Mat nearestReference(cv::Mat const &y, cv::Mat const &in) {
+    int const H = y.rows, W = y.cols;
+    cv::Mat o(H, W, CV_16U, cv::Scalar(0));
+    for (int r = 0; r < H; r += 2) {
+        for (int c = 0; c < W; c += 2)
+            o.at<u16>(r, c) = in.at<u16>(r / 2, c / 2);
+        o.at<u16>(r, W - 1) = in.at<u16>(r / 2, in.cols - 1);
+    }
+    if (H % 2 == 0)
+        for (int c = 0; c < W; ++c)
+            o.at<u16>(H - 1, c) = in.at<u16>(in.rows - 1, c / 2);
+    // Picks among (row, col) candidates in order; a later one wins only when strictly nearer.
+    auto pick = [&](int r, int c, std::initializer_list<cv::Point> cands) {
+        int best = INT32_MAX;
+        u16 v = 0;
+        for (cv::Point p : cands) {
+            int const dist = std::abs(int(y.at<u16>(p.y, p.x)) - int(y.at<u16>(r, c)));
+            if (dist < best) best = dist, v = o.at<u16>(p.y, p.x);
+        }
+        o.at<u16>(r, c) = v;
+    };
+    for (int r = 1; r < H - 1; r += 2) {
+        for (int c = 1; c < W - 1; c += 2)
+            pick(r, c, {{c - 1, r - 1}, {c + 1, r - 1}, {c - 1, r + 1}, {c + 1, r + 1}});
+        if (W % 2 == 0) pick(r, W - 1, {{W - 2, r - 1}, {W - 2, r + 1}});
+    }
+    cv::Mat const placed = o.clone();
+    for (int r = 1; r < H - 1; ++r)
+        for (int c = 1 + (r & 1); c < W - 1; c += 2) {
+            int best = INT32_MAX;
+            u16 v = 0;
+            for (cv::Point p : {cv::Point(c, r - 1), cv::Point(c - 1, r), cv::Point(c + 1, r),
+                                cv::Point(c, r + 1)}) {
+                int const dist = std::abs(int(y.at<u16>(p.y, p.x)) - int(y.at<u16>(r, c)));
+                if (dist < best) best = dist, v = placed.at<u16>(p.y, p.x);
+            }
+            o.at<u16>(r, c) = v;
+        }
+    for (int r = 0; r < H; ++r) {
+        o.at<u16>(r, 0) = o.at<u16>(r, 1);
+        o.at<u16>(r, W - 1) = o.at<u16>(r, W - 2);
+    }
+    o.row(1).copyTo(o.row(0));
+    o.row(H - 2).copyTo(o.row(H - 1));
+    return o;
+}
+
 // The enlargement of method 258 at full size 2h x 2w, then cut to outSize and bordered.
 cv::Mat binomialUpReference(cv::Mat const &p, cv::Size outSize) {
     int const h = p.rows, w = p.cols;
@@ -229,6 +277,18 @@ TEST(ScalingGuidedSimple, NearestInGuideWithStrictTiesAndTheEvenLastColumn) {
     // One row: plain replication.
     upSize2XGuidedByYSimple(cv::Mat(1, 3, CV_16U, cv::Scalar(0)), in.row(0), out);
     EXPECT_TRUE(same(out, cv::Mat((cv::Mat_<u16>(1, 3) << 1, 1, 2))));
+}
+
+TEST(ScalingGuidedSimple, MatchesAPlainReferenceAcrossBands) {
+    // Guides of few levels make many ties; heights cross the bands the work is cut into.
+    for (cv::Size s : {cv::Size(2, 2), cv::Size(3, 3), cv::Size(5, 2), cv::Size(2, 5),
+                       cv::Size(9, 70), cv::Size(8, 67), cv::Size(33, 131), cv::Size(40, 96)}) {
+        cv::Mat const y = kxtest::noise(s.height, s.width, CV_16U, s.area(), 0, 5);
+        cv::Mat const in = noise16((s.height + 1) / 2, (s.width + 1) / 2, s.width);
+        cv::Mat out;
+        upSize2XGuidedByYSimple(y, in, out);
+        EXPECT_TRUE(same(out, nearestReference(y, in))) << s;
+    }
 }
 
 TEST(ScalingPyramid, MatchesOpenCVThenBorders) {
