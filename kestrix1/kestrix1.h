@@ -22,6 +22,8 @@
 //   to the host's sink set with Kestrix::setQDebugFunc.
 #pragma once
 
+#include "kestrix1/blocks/block_processor.h"
+#include "kestrix1/filters/dt_filter.h"
 #include "kestrix1/filters/guided.h"
 #include "kestrix1/filters/tg_filter.h"
 #include "kestrix1/frame/geometry.h"
@@ -30,4 +32,10 @@
 #include "kestrix1/frame/t_progress.h"
 #include "kestrix1/frame/t_uid.h"
 #include "kestrix1/image/scaling.h"
+#include "kestrix1/image/t_image.h"
 #include "kestrix1/image/tp_image.h"
+#include "kestrix1/tables/mc_spline.h"
+#include "kestrix1/tables/t_light_adj_lut_d3.h"
+#include "kestrix1/tables/t_lut1d.h"
+#include "kestrix1/tables/t_lut_y.h"
+#include "kestrix1/tables/t_spline.h"

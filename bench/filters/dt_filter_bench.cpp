@@ -1,0 +1,69 @@
+// DTFilter on the 24-megapixel planes beside OpenCV contrib's domain-transform filter with the
+// same sigmas and three iterations: the recursive filter (mode 0 against DTF_RF) and
+// normalised convolution (mode 1 against DTF_NC) on the gray plane, and the recursive filter
+// on the two half-size chroma planes interleaved as CV_32FC2, as the detail effect runs it.
+//
+// DTFilter::setup sets the process's OpenMP team to min(cores, 4) threads; OpenCV's own
+// thread pool is given the same count so that both sides run on the same threads.
+#include <omp.h>
+
+#include <algorithm>
+#include <memory>
+#include <opencv2/core.hpp>
+#include <opencv2/ximgproc.hpp>
+#include <vector>
+
+#include "bench/support/bench.h"
+#include "kestrix1/filters/dt_filter.h"
+
+namespace {
+
+using kxbench::add;
+using kxbench::inputs;
+using kxbench::Op;
+
+void sameThreads() {
+    DTFilter probe;
+    probe.setup(1.0f, 1.0f, 3, DTFilter::L1);
+    cv::setNumThreads(omp_get_max_threads());
+}
+
+// One case: DTFilter::proc in `mode` against cv::ximgproc::dtFilter in `peerMode`, both with
+// the image as its own guide.
+void dtCase(std::string const &name, cv::Mat const &image, float sigmaS, float sigmaR, int mode,
+            int peerMode) {
+    std::int64_t const bytes = std::int64_t(image.total() * image.elemSize()) * 2;
+    add(
+        name, "kestrix1",
+        [image, sigmaS, sigmaR, mode] {
+            auto filter = std::make_shared<DTFilter>();
+            filter->setup(sigmaS, sigmaR, 3, DTFilter::L1);
+            cv::Mat out(image.size(), image.type());
+            return Op([filter, image, out, mode]() mutable { filter->proc(image, out, mode); });
+        },
+        bytes);
+    add(
+        name, "opencv",
+        [image, sigmaS, sigmaR, peerMode] {
+            cv::Mat out(image.size(), image.type());
+            return Op([image, out, sigmaS, sigmaR, peerMode]() mutable {
+                cv::ximgproc::dtFilter(image, image, out, sigmaS, sigmaR, peerMode, 3);
+            });
+        },
+        bytes);
+}
+
+int const registered = [] {
+    sameThreads();
+    cv::Mat const y = inputs().y32f;
+    dtCase("DTF_RF_Gray", y, 20.0f, 0.1f, 0, cv::ximgproc::DTF_RF);
+    dtCase("DTF_NC_Gray", y, 20.0f, 0.1f, 1, cv::ximgproc::DTF_NC);
+    // The detail effect's chroma: 16-bit values carried as float, range sigma 4259.71.
+    cv::Mat chroma, chroma32;
+    cv::merge(std::vector<cv::Mat>{inputs().dr16, inputs().db16}, chroma);
+    chroma.convertTo(chroma32, CV_32F);
+    dtCase("DTF_RF_ChromaC2", chroma32, 20.0f, 4259.71f, 0, cv::ximgproc::DTF_RF);
+    return 0;
+}();
+
+}  // namespace

@@ -1,0 +1,768 @@
+#include "kestrix1/filters/dt_filter.h"
+
+#include <omp.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <opencv2/core/hal/hal.hpp>
+#include <type_traits>
+
+#include "kestrix1/frame/errors.h"
+#include "kestrix1/kernels/parallel.h"
+
+namespace {
+
+char const kDepth[] = "ERROR - DTFilter::proc - in.depth()!=CV_32F";
+char const kGuide[] = "ERROR - DTFilter::proc - guide is not CV_32F of in's size";
+char const kNoGuides[] = "ERROR - DTFilter::proc - guides.empty()";
+
+constexpr double kSqrt3 = 1.7320508075688772;
+constexpr double kSqrt2 = 1.4142135623730951;
+
+// Floats per row of a column strip in the vertical passes: a strip of the whole image height
+// stays in the core's cache between the downward and the upward sweep.
+constexpr int kStripFloats = 128;
+// Columns per strip of the vertical normalised pass, gathered into transposed rows.
+constexpr int kNcStrip = 16;
+
+// base^e by repeated squaring in double; a negative exponent gives the reciprocal.
+double powi(double base, int e) {
+    bool const negative = e < 0;
+    unsigned n = negative ? 0u - unsigned(e) : unsigned(e);
+    double r = 1.0;
+    while (n) {
+        if (n & 1u) r *= base;
+        base *= base;
+        n >>= 1;
+    }
+    return negative ? 1.0 / r : r;
+}
+
+// The width of recursive iteration i of n, from the previous one: the widths compound.
+float nextSigma(float sigma, int i, int n) {
+    return float(double(sigma) * kSqrt3 * powi(2.0, n - 1 - i) / std::sqrt(powi(4.0, n) - 1.0));
+}
+
+// The exponent factor of the recursive weights, W = exp(D * factor).
+float weightFactor(float sigma) {
+    return float(-kSqrt2 / double(sigma));
+}
+
+// dst = exp(src). OpenCV's vector exponential is used on at least 32 elements at a time so
+// that every element goes through the same code whatever the row or strip length: results
+// then do not depend on how the plane is cut between threads.
+void expRun(float const *src, float *dst, int n) {
+    if (n >= 32) {
+        cv::hal::exp32f(src, dst, n);
+    } else if (n > 0) {
+        float a[32] = {}, b[32];
+        std::memcpy(a, src, sizeof(float) * std::size_t(n));
+        cv::hal::exp32f(a, b, 32);
+        std::memcpy(dst, b, sizeof(float) * std::size_t(n));
+    }
+}
+
+// Calls f with std::integral_constant<int, ch> for the usual channel counts, with 0 (read the
+// count at run time) for the others.
+template <class F>
+void withChannels(int ch, F &&f) {
+    switch (ch) {
+        case 1:
+            f(std::integral_constant<int, 1>());
+            break;
+        case 2:
+            f(std::integral_constant<int, 2>());
+            break;
+        case 3:
+            f(std::integral_constant<int, 3>());
+            break;
+        case 4:
+            f(std::integral_constant<int, 4>());
+            break;
+        default:
+            f(std::integral_constant<int, 0>());
+            break;
+    }
+}
+
+template <bool Square>
+inline float gradientTerm(float d) {
+    return Square ? d * d : std::fabs(d);
+}
+
+// ---- domain planes -------------------------------------------------------------------------
+
+// Dx = 1 + ratio * Sx and Dy = 1 + ratio * Sy in one sweep over g, where S is the per-pixel
+// channel sum of the gradient: Sx[y][x] from the pair (x, x+1), Sy[y][x] from (y, y+1). The
+// last row and column of both sums stay zero, so D is 1 there.
+template <int CH, bool Square>
+void domainPlanes(cv::Mat const &g, int chRun, float ratio, cv::Mat &dx, cv::Mat &dy) {
+    int const rows = g.rows, cols = g.cols, ch = CH ? CH : chRun;
+    parallelRows(rows, std::int64_t(rows) * cols * ch, [&](int y) {
+        float *ox = dx.ptr<float>(y);
+        float *oy = dy.ptr<float>(y);
+        if (y == rows - 1) {
+            std::fill(ox, ox + cols, 1.0f);
+            std::fill(oy, oy + cols, 1.0f);
+            return;
+        }
+        float const *a = g.ptr<float>(y);
+        float const *b = g.ptr<float>(y + 1);
+        for (int x = 0; x < cols - 1; ++x) {
+            float sx = 0.0f, sy = 0.0f;
+            for (int c = 0; c < ch; ++c) {
+                sx += gradientTerm<Square>(a[(x + 1) * ch + c] - a[x * ch + c]);
+                sy += gradientTerm<Square>(b[x * ch + c] - a[x * ch + c]);
+            }
+            ox[x] = sx * ratio + 1.0f;
+            oy[x] = sy * ratio + 1.0f;
+        }
+        ox[cols - 1] = 1.0f;
+        oy[cols - 1] = 1.0f;
+    });
+}
+
+// S * ratio + 1, in place.
+void sumToDomain(cv::Mat &S, float ratio) {
+    parallelRows(S.rows, std::int64_t(S.rows) * S.cols, [&](int y) {
+        float *s = S.ptr<float>(y);
+        for (int x = 0; x < S.cols; ++x)
+            s[x] = s[x] * ratio + 1.0f;
+    });
+}
+
+// ---- recursive filter ----------------------------------------------------------------------
+
+// G rows of CH channels at once: the recursions of different rows are independent, so
+// interleaving them keeps the processor busy through the latency of each one. The running
+// values stay in registers. src may equal dst; the leftward sweep reads dst.
+template <int CH, int G>
+void recurseRowGroup(float const *const *src, float *const *dst, float const *const *w, int cols) {
+    float prev[G][CH];
+    for (int r = 0; r < G; ++r)
+        for (int c = 0; c < CH; ++c)
+            dst[r][c] = prev[r][c] = src[r][c];
+    for (int x = 1; x < cols; ++x)
+        for (int r = 0; r < G; ++r) {
+            float const wr = w[r][x];
+            for (int c = 0; c < CH; ++c) {
+                float const v = src[r][x * CH + c];
+                prev[r][c] = v + (prev[r][c] - v) * wr;
+                dst[r][x * CH + c] = prev[r][c];
+            }
+        }
+    for (int r = 0; r < G; ++r)
+        for (int c = 0; c < CH; ++c)
+            prev[r][c] = dst[r][(cols - 1) * CH + c];
+    for (int x = cols - 2; x >= 0; --x)
+        for (int r = 0; r < G; ++r) {
+            float const wr = w[r][x + 1];
+            for (int c = 0; c < CH; ++c) {
+                float const v = dst[r][x * CH + c];
+                prev[r][c] = v + (prev[r][c] - v) * wr;
+                dst[r][x * CH + c] = prev[r][c];
+            }
+        }
+}
+
+// One row of any channel count.
+void recurseRow(float const *src, float *dst, float const *w, int cols, int ch) {
+    for (int c = 0; c < ch; ++c)
+        dst[c] = src[c];
+    for (int x = 1; x < cols; ++x)
+        for (int c = 0; c < ch; ++c) {
+            float const v = src[x * ch + c];
+            dst[x * ch + c] = v + (dst[(x - 1) * ch + c] - v) * w[x];
+        }
+    for (int x = cols - 2; x >= 0; --x)
+        for (int c = 0; c < ch; ++c) {
+            float const v = dst[x * ch + c];
+            dst[x * ch + c] = v + (dst[(x + 1) * ch + c] - v) * w[x + 1];
+        }
+}
+
+constexpr int groupRows(int ch) {
+    return ch == 1 ? 8 : ch == 2 ? 4 : ch == 0 ? 1 : 2;
+}
+
+// Floats of scratch per thread for rowsPass.
+std::size_t rowsScratch(int cols) {
+    return 2 * std::size_t(groupRows(1)) * std::size_t(cols);
+}
+
+// The horizontal pass from src into dst (which may be src), with weights from D.
+template <int CH>
+void rowsPass(cv::Mat const &src, cv::Mat &dst, cv::Mat const &D, float factor, float *scratch,
+              std::size_t perThread) {
+    constexpr int G = groupRows(CH);
+    int const rows = src.rows, cols = src.cols, ch = src.channels();
+    int const groups = (rows + G - 1) / G;
+    parallelBands(groups, std::int64_t(rows) * cols * (ch + 8), [&](int g0, int g1) {
+        float *prod = scratch + perThread * std::size_t(omp_get_thread_num());
+        float *w = prod + std::size_t(G) * cols;
+        for (int g = g0; g < g1; ++g) {
+            int const y0 = g * G, n = std::min(G, rows - y0);
+            for (int r = 0; r < n; ++r) {
+                float const *d = D.ptr<float>(y0 + r);
+                float *p = prod + std::size_t(r) * cols;
+                for (int x = 0; x < cols; ++x)
+                    p[x] = d[x] * factor;
+            }
+            expRun(prod, w, n * cols);
+            float const *s[G];
+            float *o[G];
+            float const *wr[G];
+            for (int r = 0; r < n; ++r) {
+                s[r] = src.ptr<float>(y0 + r);
+                o[r] = dst.ptr<float>(y0 + r);
+                wr[r] = w + std::size_t(r) * cols;
+            }
+            if constexpr (CH == 0) {
+                for (int r = 0; r < n; ++r)
+                    recurseRow(s[r], o[r], wr[r], cols, ch);
+            } else if (n == G) {
+                recurseRowGroup<CH, G>(s, o, wr, cols);
+            } else {
+                for (int r = 0; r < n; ++r)
+                    recurseRowGroup<CH, 1>(s + r, o + r, wr + r, cols);
+            }
+        }
+    });
+}
+
+std::size_t colsScratch(int rows) {
+    return 2 * std::size_t(rows) * std::size_t(kStripFloats);
+}
+
+// The vertical pass in place, in strips of columns of the whole height: each strip's
+// downward sweep runs along contiguous row segments, and its upward sweep finds the strip
+// still in cache.
+template <int CH>
+void colsPass(cv::Mat &img, cv::Mat const &D, float factor, float *scratch, std::size_t perThread) {
+    int const rows = img.rows, cols = img.cols, ch = CH ? CH : img.channels();
+    if (rows < 2) return;
+    int const stripCols = std::max(1, kStripFloats / ch);
+    int const strips = (cols + stripCols - 1) / stripCols;
+    parallelBands(strips, std::int64_t(rows) * cols * (ch + 8), [&](int s0, int s1) {
+        float *prod = scratch + perThread * std::size_t(omp_get_thread_num());
+        float *w = prod + std::size_t(rows) * kStripFloats;
+        for (int s = s0; s < s1; ++s) {
+            int const x0 = s * stripCols, n = std::min(stripCols, cols - x0);
+            for (int y = 1; y < rows; ++y) {
+                float const *d = D.ptr<float>(y) + x0;
+                float *p = prod + std::size_t(y) * n;
+                for (int i = 0; i < n; ++i)
+                    p[i] = d[i] * factor;
+            }
+            expRun(prod + n, w + n, (rows - 1) * n);
+            for (int y = 1; y < rows; ++y) {
+                float *p = img.ptr<float>(y) + std::size_t(x0) * ch;
+                float const *q = img.ptr<float>(y - 1) + std::size_t(x0) * ch;
+                float const *wy = w + std::size_t(y) * n;
+                for (int i = 0; i < n; ++i)
+                    for (int c = 0; c < ch; ++c)
+                        p[i * ch + c] += (q[i * ch + c] - p[i * ch + c]) * wy[i];
+            }
+            for (int y = rows - 2; y >= 0; --y) {
+                float *p = img.ptr<float>(y) + std::size_t(x0) * ch;
+                float const *q = img.ptr<float>(y + 1) + std::size_t(x0) * ch;
+                float const *wy = w + std::size_t(y + 1) * n;
+                for (int i = 0; i < n; ++i)
+                    for (int c = 0; c < ch; ++c)
+                        p[i * ch + c] += (q[i * ch + c] - p[i * ch + c]) * wy[i];
+            }
+        }
+    });
+}
+
+// ---- normalised convolution ----------------------------------------------------------------
+
+// Rows of the normalised pass are handled in groups: the walks of several rows interleave,
+// so the processor overlaps their load-compare chains.
+constexpr int kNcGroup = 4;
+
+// The window ends of G rows of n samples, where row r has the positions pos[r] (n + 1 of
+// them, the last +infinity): lo is the first index whose position exceeds pos[x] - radius,
+// hi the first whose position exceeds pos[x] + radius. Each end walks forward from the
+// previous pixel's, a merge of linear cost. Ends mostly move by a step or two per pixel, by
+// amounts that follow the image: two steps are taken without branching, and the loops
+// finish the rare longer moves, which keeps the walk clear of mispredicted branches.
+template <int G>
+void ncWindows(float const *const *pos, int n, float radius, int *const *lo, int *const *hi) {
+    int j[G] = {}, k[G] = {};
+    for (int x = 0; x < n; ++x)
+        for (int r = 0; r < G; ++r) {
+            float const *p = pos[r];
+            float const lower = p[x] - radius, upper = p[x] + radius;
+            for (int step = 0; step < 2; ++step) {
+                j[r] += int(j[r] < n) & int(!(p[j[r]] > lower));
+                k[r] += int(k[r] < n) & int(!(p[k[r]] > upper));
+            }
+            while (j[r] < n && !(p[j[r]] > lower))
+                ++j[r];
+            while (k[r] < n && !(p[k[r]] > upper))
+                ++k[r];
+            lo[r][x] = j[r];
+            hi[r][x] = k[r];
+        }
+}
+
+// dst[x] = (sum of src over [lo[x], hi[x])) / (hi[x] - lo[x]) per channel, through the
+// running sums sat ((n + 1) * ch floats). dst may be src.
+template <int CH>
+void ncMeans(float const *src, float *dst, int n, int chRun, float *sat, int const *lo,
+             int const *hi) {
+    int const ch = CH ? CH : chRun;
+    for (int c = 0; c < ch; ++c)
+        sat[c] = 0.0f;
+    for (int x = 0; x < n; ++x)
+        for (int c = 0; c < ch; ++c)
+            sat[(x + 1) * ch + c] = sat[x * ch + c] + src[x * ch + c];
+    for (int x = 0; x < n; ++x) {
+        // Exact: window ends stay far below 2^24.
+        float const count = float(hi[x]) - float(lo[x]);
+        float const *a = sat + std::size_t(hi[x]) * ch;
+        float const *b = sat + std::size_t(lo[x]) * ch;
+        for (int c = 0; c < ch; ++c)
+            dst[x * ch + c] = (a[c] - b[c]) / count;
+    }
+}
+
+// Normalises up to kNcGroup lines of n samples in place or from src to dst: line r has
+// positions pos[r] (n + 1 each, the last +infinity).
+template <int CH>
+void ncLines(int lines, float const *const *pos, float const *const *src, float *const *dst, int n,
+             int ch, float radius, float *sat, int *index) {
+    int *lo[kNcGroup], *hi[kNcGroup];
+    for (int r = 0; r < kNcGroup; ++r) {
+        lo[r] = index + 2 * std::size_t(r) * std::size_t(n);
+        hi[r] = lo[r] + n;
+    }
+    if (lines == kNcGroup) {
+        ncWindows<kNcGroup>(pos, n, radius, lo, hi);
+    } else {
+        for (int r = 0; r < lines; ++r)
+            ncWindows<1>(pos + r, n, radius, lo + r, hi + r);
+    }
+    for (int r = 0; r < lines; ++r)
+        ncMeans<CH>(src[r], dst[r], n, ch, sat, lo[r], hi[r]);
+}
+
+std::size_t ncIndexScratch(int n) {
+    return 2 * std::size_t(kNcGroup) * std::size_t(n);
+}
+
+std::size_t ncRowsScratch(int cols, int ch) {
+    return (std::size_t(cols) + 1) * std::size_t(kNcGroup + ch);
+}
+
+// The horizontal normalised pass, src into dst, ct the row-wise cumulative domain.
+template <int CH>
+void ncRowsPass(cv::Mat const &src, cv::Mat &dst, cv::Mat const &ct, float radius, float *scratch,
+                std::size_t perThread, int *index) {
+    int const rows = src.rows, cols = src.cols, ch = src.channels();
+    int const groups = (rows + kNcGroup - 1) / kNcGroup;
+    parallelBands(groups, std::int64_t(rows) * cols * (ch + 8), [&](int g0, int g1) {
+        int const t = omp_get_thread_num();
+        float *posBuf = scratch + perThread * std::size_t(t);
+        float *sat = posBuf + std::size_t(kNcGroup) * (cols + 1);
+        int *idx = index + ncIndexScratch(cols) * std::size_t(t);
+        float const *pos[kNcGroup];
+        float const *s[kNcGroup];
+        float *d[kNcGroup];
+        for (int r = 0; r < kNcGroup; ++r) {
+            float *p = posBuf + std::size_t(r) * (cols + 1);
+            p[cols] = std::numeric_limits<float>::infinity();
+            pos[r] = p;
+        }
+        for (int g = g0; g < g1; ++g) {
+            int const y0 = g * kNcGroup, lines = std::min(kNcGroup, rows - y0);
+            for (int r = 0; r < lines; ++r) {
+                std::memcpy(posBuf + std::size_t(r) * (cols + 1), ct.ptr<float>(y0 + r),
+                            sizeof(float) * std::size_t(cols));
+                s[r] = src.ptr<float>(y0 + r);
+                d[r] = dst.ptr<float>(y0 + r);
+            }
+            ncLines<CH>(lines, pos, s, d, cols, ch, radius, sat, idx);
+        }
+    });
+}
+
+std::size_t ncColsScratch(int rows, int ch) {
+    return (std::size_t(rows) + 1) * std::size_t(kNcStrip) * std::size_t(ch + 1);
+}
+
+std::size_t ncColsIndexScratch(int rows) {
+    return 2 * std::size_t(rows) * std::size_t(kNcStrip);
+}
+
+// The vertical normalised pass in place, ct the column-wise cumulative domain, through
+// strips of kNcStrip columns. Only the positions are gathered into lines, for the walks of
+// ncWindows; the running sums and the means run along contiguous row segments.
+template <int CH>
+void ncColsPass(cv::Mat &img, cv::Mat const &ct, float radius, float *scratch,
+                std::size_t perThread, int *index) {
+    int const rows = img.rows, cols = img.cols, ch = CH ? CH : img.channels();
+    int const strips = (cols + kNcStrip - 1) / kNcStrip;
+    std::size_t const line = std::size_t(rows) + 1;
+    parallelBands(strips, std::int64_t(rows) * cols * (ch + 8), [&](int s0, int s1) {
+        int const t = omp_get_thread_num();
+        float *posBuf = scratch + perThread * std::size_t(t);
+        float *sat = posBuf + line * kNcStrip;
+        int *idx = index + ncColsIndexScratch(rows) * std::size_t(t);
+        float const *pos[kNcStrip];
+        int *lo[kNcStrip], *hi[kNcStrip];
+        for (int i = 0; i < kNcStrip; ++i) {
+            posBuf[i * line + rows] = std::numeric_limits<float>::infinity();
+            pos[i] = posBuf + i * line;
+            lo[i] = idx + std::size_t(2 * i) * rows;
+            hi[i] = lo[i] + rows;
+        }
+        for (int s = s0; s < s1; ++s) {
+            int const x0 = s * kNcStrip, n = std::min(kNcStrip, cols - x0), width = n * ch;
+            for (int y = 0; y < rows; ++y) {
+                float const *q = ct.ptr<float>(y) + x0;
+                for (int i = 0; i < n; ++i)
+                    posBuf[i * line + y] = q[i];
+            }
+            for (int i = 0; i < n; i += kNcGroup) {
+                if (n - i >= kNcGroup) {
+                    ncWindows<kNcGroup>(pos + i, rows, radius, lo + i, hi + i);
+                } else {
+                    for (int r = i; r < n; ++r)
+                        ncWindows<1>(pos + r, rows, radius, lo + r, hi + r);
+                }
+            }
+            std::fill(sat, sat + width, 0.0f);
+            for (int y = 0; y < rows; ++y) {
+                float const *p = img.ptr<float>(y) + std::size_t(x0) * ch;
+                float const *above = sat + std::size_t(y) * width;
+                float *below = sat + std::size_t(y + 1) * width;
+                for (int e = 0; e < width; ++e)
+                    below[e] = above[e] + p[e];
+            }
+            for (int y = 0; y < rows; ++y) {
+                float *p = img.ptr<float>(y) + std::size_t(x0) * ch;
+                for (int i = 0; i < n; ++i) {
+                    int const l = lo[i][y], h = hi[i][y];
+                    // Exact: window ends stay far below 2^24.
+                    float const count = float(h) - float(l);
+                    float const *a = sat + std::size_t(h) * width + i * ch;
+                    float const *b = sat + std::size_t(l) * width + i * ch;
+                    for (int c = 0; c < ch; ++c)
+                        p[i * ch + c] = (a[c] - b[c]) / count;
+                }
+            }
+        }
+    });
+}
+
+// Cumulative sums of the domain: along each row in place, and down each column in place.
+void cumulateRows(cv::Mat &d) {
+    parallelRows(d.rows, std::int64_t(d.rows) * d.cols, [&](int y) {
+        float *p = d.ptr<float>(y);
+        for (int x = 1; x < d.cols; ++x)
+            p[x] += p[x - 1];
+    });
+}
+
+void cumulateCols(cv::Mat &d) {
+    parallelBands(d.cols, std::int64_t(d.rows) * d.cols, [&](int x0, int x1) {
+        for (int y = 1; y < d.rows; ++y) {
+            float *p = d.ptr<float>(y);
+            float const *q = d.ptr<float>(y - 1);
+            for (int x = x0; x < x1; ++x)
+                p[x] += q[x];
+        }
+    });
+}
+
+bool sharesPixels(cv::Mat const &a, cv::Mat const &b) {
+    return a.data == b.data && a.step == b.step;
+}
+
+void checkImage(cv::Mat const &in) {
+    kxRequire(in.depth() == CV_32F && in.dims <= 2, kDepth);
+}
+
+void checkGuide(cv::Mat const &guide, cv::Size size) {
+    kxRequire(guide.depth() == CV_32F && guide.dims <= 2 && guide.size() == size, kGuide);
+}
+
+}  // namespace
+
+DTFilter::DTFilter(DTFilter const &other)
+    : sigmaS(other.sigmaS), sigmaR(other.sigmaR), numIter(other.numIter), metric(other.metric) {}
+
+DTFilter &DTFilter::operator=(DTFilter const &other) {
+    sigmaS = other.sigmaS;
+    sigmaR = other.sigmaR;
+    numIter = other.numIter;
+    metric = other.metric;
+    return *this;
+}
+
+DTFilter::~DTFilter() = default;
+
+bool DTFilter::setup(float sigmaS_, float sigmaR_, int iterations, enum METRIC metric_) {
+    sigmaS = sigmaS_;
+    sigmaR = sigmaR_;
+    numIter = float(iterations);
+    metric = metric_;
+    // Process-wide and lasting: every later parallel region of the process runs under these.
+    omp_set_num_threads(std::min(omp_get_num_procs(), 4));
+    omp_set_max_active_levels(omp_get_supported_active_levels());  // nesting on
+    omp_set_dynamic(0);
+    return true;
+}
+
+bool DTFilter::proc(cv::Mat const &in, cv::Mat &out, int mode) {
+    if ((mode != 0 && mode != 1) || in.empty()) return true;
+    checkImage(in);
+    if (mode == 0)
+        RF(in, out, sigmaS, sigmaR, 3);
+    else
+        NCF(in, out, sigmaS, sigmaR);
+    return true;
+}
+
+bool DTFilter::proc(cv::Mat const &in, cv::Mat const &guide, cv::Mat &out, int mode) {
+    if (mode != 0 || in.empty()) return true;
+    checkImage(in);
+    checkGuide(guide, in.size());
+    // The domain comes first: out may share in's or the guide's pixels.
+    domain(guide, sigmaS / sigmaR);
+    recurse(in, out, sigmaS, 3);
+    return true;
+}
+
+bool DTFilter::proc(std::vector<cv::Mat> const &in, std::vector<cv::Mat> &out, int mode,
+                    std::vector<cv::Mat> &guides) {
+    bool const empty =
+        std::all_of(in.begin(), in.end(), [](cv::Mat const &p) { return p.empty(); });
+    if (mode != 0 || empty) return true;
+    kxRequire(!guides.empty(), kNoGuides);
+    cv::Size const size = guides[0].size();
+    for (cv::Mat const &g : guides)
+        checkGuide(g, size);
+    for (cv::Mat const &p : in) {
+        checkImage(p);
+        checkGuide(p, size);
+    }
+    RF(in, out, sigmaS, sigmaR, guides);
+    return true;
+}
+
+// ---- building blocks -----------------------------------------------------------------------
+
+void DTFilter::diffx(cv::Mat const &in, cv::Mat &d) {
+    d.create(in.size(), in.type());
+    d.setTo(0);
+    int const n = (in.cols - 1) * in.channels(), ch = in.channels();
+    parallelRows(in.rows, std::int64_t(in.rows) * in.cols * ch, [&](int y) {
+        float const *p = in.ptr<float>(y);
+        float *o = d.ptr<float>(y);
+        for (int i = 0; i < n; ++i)
+            o[i] = p[i + ch] - p[i];
+    });
+}
+
+void DTFilter::diffx(std::vector<cv::Mat> const &in, std::vector<cv::Mat> &d) {
+    d.resize(in.size());
+    for (std::size_t i = 0; i < in.size(); ++i)
+        diffx(in[i], d[i]);
+}
+
+void DTFilter::diffy(cv::Mat const &in, cv::Mat &d) {
+    d.create(in.size(), in.type());
+    d.setTo(0);
+    int const n = (in.cols - 1) * in.channels();
+    parallelRows(in.rows - 1, std::int64_t(in.rows) * in.cols * in.channels(), [&](int y) {
+        float const *p = in.ptr<float>(y);
+        float const *q = in.ptr<float>(y + 1);
+        float *o = d.ptr<float>(y);
+        for (int i = 0; i < n; ++i)
+            o[i] = q[i] - p[i];
+    });
+}
+
+void DTFilter::diffy(std::vector<cv::Mat> const &in, std::vector<cv::Mat> &d) {
+    d.resize(in.size());
+    for (std::size_t i = 0; i < in.size(); ++i)
+        diffy(in[i], d[i]);
+}
+
+void DTFilter::csum(cv::Mat const &d, cv::Mat &S, METRIC metric_) {
+    S.create(d.size(), CV_32FC1);
+    S.setTo(0);
+    int const ch = d.channels(), cols = d.cols;
+    bool const square = metric_ != L1;
+    parallelRows(d.rows - 1, std::int64_t(d.rows) * cols * ch, [&](int y) {
+        float const *p = d.ptr<float>(y);
+        float *s = S.ptr<float>(y);
+        for (int x = 0; x < cols - 1; ++x) {
+            float sum = 0.0f;
+            for (int c = 0; c < ch; ++c)
+                sum +=
+                    square ? gradientTerm<true>(p[x * ch + c]) : gradientTerm<false>(p[x * ch + c]);
+            s[x] = sum;
+        }
+    });
+}
+
+void DTFilter::csum(std::vector<cv::Mat> const &d, cv::Mat &S, METRIC metric_) {
+    if (d.empty()) return;
+    S.create(d[0].size(), CV_32FC1);
+    S.setTo(0);
+    bool const square = metric_ != L1;
+    int const cols = S.cols;
+    parallelRows(S.rows, std::int64_t(S.rows) * cols * std::int64_t(d.size()), [&](int y) {
+        float *s = S.ptr<float>(y);
+        for (cv::Mat const &plane : d) {
+            int const ch = plane.channels();
+            float const *p = plane.ptr<float>(y);
+            for (int c = 0; c < ch; ++c)
+                for (int x = 0; x < cols; ++x)
+                    s[x] += square ? gradientTerm<true>(p[x * ch + c])
+                                   : gradientTerm<false>(p[x * ch + c]);
+        }
+    });
+}
+
+// ---- recursive filter ----------------------------------------------------------------------
+
+float *DTFilter::scratch(std::size_t perThread) {
+    std::size_t const need = perThread * std::size_t(std::max(1, omp_get_max_threads()));
+    if (m_scratch.size() < need) m_scratch.resize(need);
+    return m_scratch.data();
+}
+
+int *DTFilter::indexScratch(std::size_t perThread) {
+    std::size_t const need = perThread * std::size_t(std::max(1, omp_get_max_threads()));
+    if (m_index.size() < need) m_index.resize(need);
+    return m_index.data();
+}
+
+void DTFilter::domain(cv::Mat const &guide, float ratio) {
+    m_dx.create(guide.size(), CV_32FC1);
+    m_dy.create(guide.size(), CV_32FC1);
+    bool const square = metric != L1;
+    withChannels(guide.channels(), [&](auto c) {
+        constexpr int CH = decltype(c)::value;
+        if (square)
+            domainPlanes<CH, true>(guide, guide.channels(), ratio, m_dx, m_dy);
+        else
+            domainPlanes<CH, false>(guide, guide.channels(), ratio, m_dx, m_dy);
+    });
+}
+
+void DTFilter::recurse(cv::Mat const &in, cv::Mat &out, float sigmaS_, int N) {
+    // Holding in by value keeps its pixels alive should out be reallocated over it.
+    cv::Mat const src = in;
+    out.create(src.size(), src.type());
+    if (N <= 0) {
+        if (!sharesPixels(src, out)) src.copyTo(out);
+        return;
+    }
+    std::size_t const perThread = std::max(rowsScratch(src.cols), colsScratch(src.rows));
+    float *buffer = scratch(perThread);
+    float sigma = sigmaS_;
+    withChannels(src.channels(), [&](auto c) {
+        constexpr int CH = decltype(c)::value;
+        for (int i = 0; i < N; ++i) {
+            sigma = nextSigma(sigma, i, N);
+            float const factor = weightFactor(sigma);
+            rowsPass<CH>(i == 0 ? src : out, out, m_dx, factor, buffer, perThread);
+            colsPass<CH>(out, m_dy, factor, buffer, perThread);
+        }
+    });
+}
+
+void DTFilter::RF(cv::Mat const &in, cv::Mat &out, float sigmaS_, float sigmaR_, int N) {
+    domain(in, sigmaS_ / sigmaR_);
+    recurse(in, out, sigmaS_, N);
+}
+
+void DTFilter::RF(std::vector<cv::Mat> const &in, std::vector<cv::Mat> &out, float sigmaS_,
+                  float sigmaR_, std::vector<cv::Mat> const &guides) {
+    {
+        std::vector<cv::Mat> d;
+        diffx(guides, d);
+        csum(d, m_dx, metric);
+        diffy(guides, d);
+        csum(d, m_dy, metric);
+    }
+    float const ratio = sigmaS_ / sigmaR_;
+    sumToDomain(m_dx, ratio);
+    sumToDomain(m_dy, ratio);
+    // Sources held by value: out may be the same vector as in.
+    std::vector<cv::Mat> const src(in.begin(), in.end());
+    out.resize(src.size());
+    int const N = int(numIter);
+    for (std::size_t p = 0; p < src.size(); ++p) {
+        out[p].create(src[p].size(), src[p].type());
+        if (!sharesPixels(src[p], out[p])) src[p].copyTo(out[p]);
+    }
+    float sigma = sigmaS_;
+    for (int i = 0; i < N; ++i) {
+        sigma = nextSigma(sigma, i, N);
+        for (cv::Mat &plane : out) {
+            RFCH(plane, m_dx, sigma);
+            RFCV(plane, m_dy, sigma);
+        }
+    }
+}
+
+void DTFilter::RFCH(cv::Mat &img, cv::Mat const &D, float sigma) {
+    std::size_t const perThread = rowsScratch(img.cols);
+    float *buffer = scratch(perThread);
+    withChannels(img.channels(), [&](auto c) {
+        rowsPass<decltype(c)::value>(img, img, D, weightFactor(sigma), buffer, perThread);
+    });
+}
+
+void DTFilter::RFCV(cv::Mat &img, cv::Mat const &D, float sigma) {
+    std::size_t const perThread = colsScratch(img.rows);
+    float *buffer = scratch(perThread);
+    withChannels(img.channels(), [&](auto c) {
+        colsPass<decltype(c)::value>(img, D, weightFactor(sigma), buffer, perThread);
+    });
+}
+
+// ---- normalised convolution ----------------------------------------------------------------
+
+void DTFilter::NC(cv::Mat &img, cv::Mat const &ct, float radius) {
+    int const ch = img.channels();
+    std::size_t const perThread = ncRowsScratch(img.cols, ch);
+    float *buffer = scratch(perThread);
+    int *index = indexScratch(ncIndexScratch(img.cols));
+    withChannels(ch, [&](auto c) {
+        ncRowsPass<decltype(c)::value>(img, img, ct, radius, buffer, perThread, index);
+    });
+}
+
+void DTFilter::NCF(cv::Mat const &in, cv::Mat &out, float sigmaS_, float sigmaR_) {
+    domain(in, sigmaS_ / sigmaR_);
+    cumulateRows(m_dx);
+    cumulateCols(m_dy);
+    cv::Mat const src = in;
+    out.create(src.size(), src.type());
+    int const ch = src.channels();
+    std::size_t const perThread =
+        std::max(ncRowsScratch(src.cols, ch), ncColsScratch(src.rows, ch));
+    float *buffer = scratch(perThread);
+    int *index = indexScratch(std::max(ncIndexScratch(src.cols), ncColsIndexScratch(src.rows)));
+    withChannels(ch, [&](auto c) {
+        constexpr int CH = decltype(c)::value;
+        for (int i = 0; i < 3; ++i) {
+            float const sigmaH =
+                float(powi(2.0, 2 - i) * (double(sigmaS_) * kSqrt3) / std::sqrt(63.0));
+            float const radius = float(double(sigmaH) * kSqrt3);
+            ncRowsPass<CH>(i == 0 ? src : out, out, m_dx, radius, buffer, perThread, index);
+            ncColsPass<CH>(out, m_dy, radius, buffer, perThread, index);
+        }
+    });
+}
