@@ -36,6 +36,21 @@ PxStatus rowsOf(T *srcDst, int step, IppiSize size, Body body) {
 // vectorise.
 template <class S, class D>
 void lutRow(S const *s, D *d, int width, D const *table, unsigned mask) {
+    // A table over every code of the source needs no mask. Eight indices are loaded before
+    // the first store, so that an in-place row (d == s) does not serialise load after store.
+    if (mask == unsigned(S(~0u))) {
+        int x = 0;
+        for (; x + 8 <= width; x += 8) {
+            S i[8];
+            for (int k = 0; k < 8; ++k)
+                i[k] = s[x + k];
+            for (int k = 0; k < 8; ++k)
+                d[x + k] = table[i[k]];
+        }
+        for (; x < width; ++x)
+            d[x] = table[s[x]];
+        return;
+    }
     for (int x = 0; x < width; ++x)
         d[x] = table[s[x] & mask];
 }
