@@ -327,77 +327,65 @@ inline float greenOf(double y, double r, double b) {
     return float((y - 0.299f * r - 0.114f * b) / 0.587f);
 }
 
+// Y at full size; colour is reduced before the difference is taken, and G only ever enters
+// Y. `doubled` for hosts whose data run 0..32768.
+template <bool doubled>
+void fromPlanes(TPImage &im, unsigned short *const *planes, int width, int height, int stride) {
+    if (emptyArea(width, height)) return;
+    im.create(width, height, true);
+    Mat rgb[3];
+    wrapPlanes(planes, width, height, stride, rgb);
+    lumaRows<doubled>(rgb[0], rgb[1], rgb[2], im.m_Y);
+    Mat Yh = pxTempPlane(im.hHeight(), im.hWidth(), CV_16UC1);
+    downSize2X(im.m_Y, Yh, 4);
+    downSize2X(rgb[0], im.m_Dr, 4);
+    downSize2X(rgb[2], im.m_Db, 4);
+    differenceRows<doubled>(im.m_Dr, im.m_Db, Yh);
+    im.m_halfMask.setTo(255);
+    if (im.uid() != nullptr) im.uid()->update();
+}
+
+// Packed B, G, R, A pixels (the row stride in elements) split into three 16-bit planes,
+// bytes into the high byte, then the planar path.
+template <class T>
+void fromPacked(TPImage &im, T const *buffer, int width, int height, int stride) {
+    if (emptyArea(width, height)) return;
+    int const shift = sizeof(T) == 1 ? 8 : 0;
+    Mat R = pxTempPlane(height, width, CV_16UC1), G = pxTempPlane(height, width, CV_16UC1),
+        B = pxTempPlane(height, width, CV_16UC1);
+    parallelRows(height, std::int64_t(height) * width, [&](int row) {
+        T const *in = buffer + std::ptrdiff_t(row) * stride;
+        u16 *r = R.ptr<u16>(row);
+        u16 *g = G.ptr<u16>(row);
+        u16 *b = B.ptr<u16>(row);
+        for (int x = 0; x < width; ++x) {
+            b[x] = u16(in[4 * x] << shift);
+            g[x] = u16(in[4 * x + 1] << shift);
+            r[x] = u16(in[4 * x + 2] << shift);
+        }
+    });
+    unsigned short *planes[3] = {R.ptr<u16>(), G.ptr<u16>(), B.ptr<u16>()};
+    fromPlanes<false>(im, planes, width, height, int(R.step));
+}
+
 }  // namespace
 
 // ---- from host buffers ------------------------------------------------------------------------
 
 void TPImage::convertFrompRGB(unsigned short **const planes, int width, int height, int stride) {
-    if (emptyArea(width, height)) return;
-    create(width, height, true);
-    Mat rgb[3];
-    wrapPlanes(planes, width, height, stride, rgb);
-    lumaRows<false>(rgb[0], rgb[1], rgb[2], m_Y);
-    // Colour is reduced before the difference is taken; G only ever enters Y.
-    Mat Yh = pxTempPlane(hHeight(), hWidth(), CV_16UC1);
-    downSize2X(m_Y, Yh, 4);
-    downSize2X(rgb[0], m_Dr, 4);
-    downSize2X(rgb[2], m_Db, 4);
-    differenceRows<false>(m_Dr, m_Db, Yh);
-    m_halfMask.setTo(255);
-    if (m_uid_p != nullptr) m_uid_p->update();
+    fromPlanes<false>(*this, planes, width, height, stride);
 }
 
 void TPImage::convertFrompRGB15U(unsigned short **const planes, int width, int height, int stride) {
-    if (emptyArea(width, height)) return;
-    create(width, height, true);
-    Mat rgb[3];
-    wrapPlanes(planes, width, height, stride, rgb);
-    lumaRows<true>(rgb[0], rgb[1], rgb[2], m_Y);
-    Mat Yh = pxTempPlane(hHeight(), hWidth(), CV_16UC1);
-    downSize2X(m_Y, Yh, 4);
-    downSize2X(rgb[0], m_Dr, 4);
-    downSize2X(rgb[2], m_Db, 4);
-    differenceRows<true>(m_Dr, m_Db, Yh);
-    m_halfMask.setTo(255);
-    if (m_uid_p != nullptr) m_uid_p->update();
+    fromPlanes<true>(*this, planes, width, height, stride);
 }
 
 void TPImage::convertFrom(unsigned char const *buffer, int width, int height, int stride) {
-    if (emptyArea(width, height)) return;
-    Mat R = pxTempPlane(height, width, CV_16UC1), G = pxTempPlane(height, width, CV_16UC1),
-        B = pxTempPlane(height, width, CV_16UC1);
-    parallelRows(height, std::int64_t(height) * width, [&](int row) {
-        u8 const *in = buffer + std::ptrdiff_t(row) * stride;
-        u16 *r = R.ptr<u16>(row);
-        u16 *g = G.ptr<u16>(row);
-        u16 *b = B.ptr<u16>(row);
-        for (int x = 0; x < width; ++x) {
-            b[x] = u16(in[4 * x] << 8);
-            g[x] = u16(in[4 * x + 1] << 8);
-            r[x] = u16(in[4 * x + 2] << 8);
-        }
-    });
-    unsigned short *planes[3] = {R.ptr<u16>(), G.ptr<u16>(), B.ptr<u16>()};
-    convertFrompRGB(planes, width, height, int(R.step));
+    fromPacked(*this, buffer, width, height, stride);
 }
 
 void TPImage::convertFrom(unsigned short const *buffer, int width, int height, int stride) {
-    if (emptyArea(width, height)) return;
-    Mat R = pxTempPlane(height, width, CV_16UC1), G = pxTempPlane(height, width, CV_16UC1),
-        B = pxTempPlane(height, width, CV_16UC1);
-    parallelRows(height, std::int64_t(height) * width, [&](int row) {
-        u16 const *in = buffer + std::ptrdiff_t(row) * stride;
-        u16 *r = R.ptr<u16>(row);
-        u16 *g = G.ptr<u16>(row);
-        u16 *b = B.ptr<u16>(row);
-        for (int x = 0; x < width; ++x) {
-            b[x] = in[4 * x];
-            g[x] = in[4 * x + 1];
-            r[x] = in[4 * x + 2];
-        }
-    });
-    unsigned short *planes[3] = {R.ptr<u16>(), G.ptr<u16>(), B.ptr<u16>()};
-    convertFrompRGB(planes, width, height, int(R.step));
+    fromPacked(*this, buffer, width, height, stride);
 }
 
 // ---- to host buffers --------------------------------------------------------------------------
