@@ -15,6 +15,7 @@
 #include "kestrix1/image/scaling.h"
 #include "kestrix1/image/tp_image.h"
 #include "kestrix1/kernels/parallel.h"
+#include "kestrix1/kernels/px_dispatch.h"
 #include "kestrix1/tables/t_light_adj_lut_d3.h"
 #include "kestrix1/tables/t_lut1d.h"
 
@@ -102,17 +103,15 @@ void tableMixRow(u16 const *raw, u16 const *extra, u16 const *y, u16 const *tabl
     }
 }
 
-__attribute__((target_clones("avx2", "default"))) void addExtraRow(u16 const *__restrict raw,
-                                                                   u16 const *__restrict extra,
-                                                                   u16 *__restrict dst, int w) {
+KX_VECTOR_CLONES void addExtraRow(u16 const *__restrict raw, u16 const *__restrict extra,
+                                  u16 *__restrict dst, int w) {
     for (int x = 0; x < w; ++x)
         dst[x] = clamp16(int(raw[x]) + int(extra[x]) - 32768);
 }
 
 // dst = clamp(base + 2 (a + b + c) - 196608); any input may be dst.
-__attribute__((target_clones("avx2", "default"))) void sumRow(u16 const *base, u16 const *a,
-                                                              u16 const *b, u16 const *c, u16 *dst,
-                                                              int w) {
+KX_VECTOR_CLONES void sumRow(u16 const *base, u16 const *a, u16 const *b, u16 const *c, u16 *dst,
+                             int w) {
     for (int x = 0; x < w; ++x)
         dst[x] = clamp16(int(base[x]) + 2 * (int(a[x]) + int(b[x]) + int(c[x])) - 196608);
 }

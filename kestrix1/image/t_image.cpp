@@ -9,6 +9,7 @@
 #include "kestrix1/frame/errors.h"
 #include "kestrix1/image/tp_image.h"
 #include "kestrix1/kernels/parallel.h"
+#include "kestrix1/kernels/px_dispatch.h"
 #include "kestrix1/kernels/px_geometry.h"
 #include "kestrix1/kernels/px_memory.h"
 
@@ -109,7 +110,7 @@ inline int lumaOf(int r, int g, int b) {
 
 // Y of one row of packed pixels. A plain loop over x that the compiler vectorises.
 template <class S, bool Swap>
-__attribute__((target_clones("avx2", "default"))) void lumaRow(S const *s, u16 *y, int w) {
+KX_VECTOR_CLONES void lumaRow(S const *s, u16 *y, int w) {
     using Px = Rgba<S, Swap>;
     for (int x = 0; x < w; ++x)
         y[x] = u16(lumaOf(Px::r(s + 4 * x), Px::g(s + 4 * x), Px::b(s + 4 * x)));
@@ -117,9 +118,9 @@ __attribute__((target_clones("avx2", "default"))) void lumaRow(S const *s, u16 *
 
 // Colour and alpha of `n` whole 2 x 2 blocks from two rows of pixels and their Y.
 template <class S, bool Swap>
-__attribute__((target_clones("avx2", "default"))) void blockRow(
-    S const *__restrict s0, S const *__restrict s1, u16 const *__restrict y0,
-    u16 const *__restrict y1, u8 *__restrict c0, u8 *__restrict c1, u8 *__restrict m, int n) {
+KX_VECTOR_CLONES void blockRow(S const *__restrict s0, S const *__restrict s1,
+                               u16 const *__restrict y0, u16 const *__restrict y1,
+                               u8 *__restrict c0, u8 *__restrict c1, u8 *__restrict m, int n) {
     using Px = Rgba<S, Swap>;
     for (int i = 0; i < n; ++i) {
         S const *a = s0 + 8 * i, *b = s1 + 8 * i;
@@ -190,9 +191,8 @@ struct CubicRow2X {
     std::vector<int> column;  // vertical sums of one row, two replicated pixels either side
 
     // Row y of the enlarged plane into dst (w pixels).
-    __attribute__((target_clones("avx2", "default"))) void operator()(TImage const &src, int plane,
-                                                                      int y, u8 *__restrict dst,
-                                                                      int w) {
+    KX_VECTOR_CLONES void operator()(TImage const &src, int plane, int y, u8 *__restrict dst,
+                                     int w) {
         int const hh = src.size().height, hw = src.size().width;
         column.resize(std::size_t(hw) + 4);
         int const k = y / 2;
@@ -240,11 +240,9 @@ inline void storeRgba(D *d, int r, int g, int b, int a) {
 
 // One row back from Y and full-size colour and alpha to packed pixels.
 template <class D, bool Swap>
-__attribute__((target_clones("avx2", "default"))) void ycmRow(u16 const *__restrict ys,
-                                                              u8 const *__restrict cr,
-                                                              u8 const *__restrict cb,
-                                                              u8 const *__restrict ms,
-                                                              D *__restrict d, int w) {
+KX_VECTOR_CLONES void ycmRow(u16 const *__restrict ys, u8 const *__restrict cr,
+                             u8 const *__restrict cb, u8 const *__restrict ms, D *__restrict d,
+                             int w) {
     for (int x = 0; x < w; ++x) {
         float const yv = ys[x];
         float const r = float(int(cr[x]) - 128) * 512.0f + yv;

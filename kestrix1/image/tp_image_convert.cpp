@@ -6,14 +6,17 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <vector>
 
 #include "kestrix1/frame/errors.h"
 #include "kestrix1/image/nearest_in_guide.h"
 #include "kestrix1/image/scaling.h"
 #include "kestrix1/image/tp_image.h"
 #include "kestrix1/kernels/parallel.h"
+#include "kestrix1/kernels/px_dispatch.h"
 #include "kestrix1/kernels/px_filter.h"
 #include "kestrix1/kernels/px_geometry.h"
+#include "kestrix1/kernels/px_halve.h"
 #include "kestrix1/kernels/px_memory.h"
 
 using cv::Mat;
@@ -189,39 +192,87 @@ void cubicChromaRows(Mat const &Y, Mat const &Dr, Mat const &Db, Mat rgb[3], F f
     ydrdbRows(Y, Drf, Dbf, rgb[0], rgb[1], rgb[2], f);
 }
 
-// Y of 16-bit planes; `doubled` for hosts whose data run 0..32768.
+// One row of Y from 16-bit R, G, B; `doubled` for hosts whose data run 0..32768.
+template <bool doubled>
+KX_VECTOR_CLONES void lumaRow(u16 const *__restrict r, u16 const *__restrict g,
+                              u16 const *__restrict b, u16 *__restrict y, int cols) {
+    for (int x = 0; x < cols; ++x) {
+        float const s = lumaSum(r[x], g[x], b[x]);
+        y[x] = sat16i(doubled ? s + s : s);
+    }
+}
+
 template <bool doubled>
 void lumaRows(Mat const &R, Mat const &G, Mat const &B, Mat &Y) {
-    int const cols = R.cols;
-    parallelRows(R.rows, std::int64_t(R.rows) * cols, [&](int row) {
-        u16 const *r = R.ptr<u16>(row);
-        u16 const *g = G.ptr<u16>(row);
-        u16 const *b = B.ptr<u16>(row);
-        u16 *y = Y.ptr<u16>(row);
-        for (int x = 0; x < cols; ++x) {
-            float const s = lumaSum(r[x], g[x], b[x]);
-            y[x] = sat16i(doubled ? s + s : s);
-        }
+    parallelRows(R.rows, std::int64_t(R.rows) * R.cols, [&](int row) {
+        lumaRow<doubled>(R.ptr<u16>(row), G.ptr<u16>(row), B.ptr<u16>(row), Y.ptr<u16>(row),
+                         R.cols);
     });
 }
 
-// Dr, Db in place from reduced R, B and reduced Y. Plain: (c - Y) / 2 + 32768, truncating
-// towards zero and saturated. Doubled: c - (Y >> 1) + 32768, which cannot go below 0.
+// One row of Dr, Db in place from reduced R, B and reduced Y. Plain: (c - Y) / 2 + 32768,
+// truncating towards zero and saturated. Doubled: c - (Y >> 1) + 32768, which cannot go
+// below 0.
+template <bool doubled>
+KX_VECTOR_CLONES void differenceRow(u16 *__restrict dr, u16 *__restrict db, u16 const *__restrict y,
+                                    int cols) {
+    for (int x = 0; x < cols; ++x) {
+        if (doubled) {
+            dr[x] = u16(std::min(dr[x] - (y[x] >> 1) + 32768, 65535));
+            db[x] = u16(std::min(db[x] - (y[x] >> 1) + 32768, 65535));
+        } else {
+            dr[x] = sat16((dr[x] - y[x]) / 2 + 32768);
+            db[x] = sat16((db[x] - y[x]) / 2 + 32768);
+        }
+    }
+}
+
 template <bool doubled>
 void differenceRows(Mat &Dr, Mat &Db, Mat const &Yh) {
-    int const cols = Yh.cols;
-    parallelRows(Yh.rows, std::int64_t(Yh.rows) * cols, [&](int row) {
-        u16 const *y = Yh.ptr<u16>(row);
-        u16 *dr = Dr.ptr<u16>(row);
-        u16 *db = Db.ptr<u16>(row);
-        for (int x = 0; x < cols; ++x) {
-            if (doubled) {
-                dr[x] = u16(std::min(dr[x] - (y[x] >> 1) + 32768, 65535));
-                db[x] = u16(std::min(db[x] - (y[x] >> 1) + 32768, 65535));
-            } else {
-                dr[x] = sat16((dr[x] - y[x]) / 2 + 32768);
-                db[x] = sat16((db[x] - y[x]) / 2 + 32768);
+    parallelRows(Yh.rows, std::int64_t(Yh.rows) * Yh.cols, [&](int row) {
+        differenceRow<doubled>(Dr.ptr<u16>(row), Db.ptr<u16>(row), Yh.ptr<u16>(row), Yh.cols);
+    });
+}
+
+// Y at full size and Dr, Db at half size in one walk down the host's rows, for even sizes:
+// each source row becomes a row of Y and is halved across (Y, R and B) while it is still in
+// cache, and each row of Dr, Db is finished from the last four rows halved. The values are
+// those of the plain order: Y, then the three planes reduced, then the differences.
+// rowOf(n, scratch, rgb) points rgb at source row n's R, G, B, using the three scratch rows
+// from `scratch` on if it must.
+template <bool doubled, class RowOf>
+void fusedFrom(TPImage &im, RowOf rowOf) {
+    int const W = im.width(), H = im.height(), w = W / 2, h = H / 2;
+    parallelBands(h, std::int64_t(W) * H * 4, [&](int i0, int i1) {
+        PxHalveRing ringY(w), ringR(w), ringB(w);
+        std::vector<u16> scratch(std::size_t(W) * 4);
+        u16 *const spareY = scratch.data() + std::size_t(W) * 3;
+        std::vector<u16> yHalf(w);
+        // The rows of Y that are this band's own; the rows read above and below it are
+        // made again in scratch, so no row is written by two threads.
+        int const own0 = 2 * i0, own1 = 2 * i1;
+        int next = pxHalveTap(i0, 0, H);
+        for (int i = i0; i < i1; ++i) {
+            for (int last = pxHalveTap(i, 3, H); next <= last; ++next) {
+                u16 const *rgb[3];
+                rowOf(next, scratch.data(), rgb);
+                u16 *y = next >= own0 && next < own1 ? im.m_Y.ptr<u16>(next) : spareY;
+                lumaRow<doubled>(rgb[0], rgb[1], rgb[2], y, W);
+                pxHalveCubicAcross(y, W, ringY.slot(next));
+                pxHalveCubicAcross(rgb[0], W, ringR.slot(next));
+                pxHalveCubicAcross(rgb[2], W, ringB.slot(next));
             }
+            int const t0 = pxHalveTap(i, 0, H), t1 = pxHalveTap(i, 1, H);
+            int const t2 = pxHalveTap(i, 2, H), t3 = pxHalveTap(i, 3, H);
+            auto down = [&](PxHalveRing &ring, u16 *out) {
+                pxHalveCubicDown(ring.slot(t0), ring.slot(t1), ring.slot(t2), ring.slot(t3), w,
+                                 out);
+            };
+            u16 *dr = im.m_Dr.ptr<u16>(i), *db = im.m_Db.ptr<u16>(i);
+            down(ringY, yHalf.data());
+            down(ringR, dr);
+            down(ringB, db);
+            differenceRow<doubled>(dr, db, yHalf.data(), w);
         }
     });
 }
@@ -327,6 +378,15 @@ inline float greenOf(double y, double r, double b) {
     return float((y - 0.299f * r - 0.114f * b) / 0.587f);
 }
 
+bool halvesExactly(TPImage const &im) {
+    return im.width() % 2 == 0 && im.height() % 2 == 0;
+}
+
+void finishFrom(TPImage &im) {
+    im.m_halfMask.setTo(255);
+    if (im.uid() != nullptr) im.uid()->update();
+}
+
 // Y at full size; colour is reduced before the difference is taken, and G only ever enters
 // Y. `doubled` for hosts whose data run 0..32768.
 template <bool doubled>
@@ -335,34 +395,56 @@ void fromPlanes(TPImage &im, unsigned short *const *planes, int width, int heigh
     im.create(width, height, true);
     Mat rgb[3];
     wrapPlanes(planes, width, height, stride, rgb);
-    lumaRows<doubled>(rgb[0], rgb[1], rgb[2], im.m_Y);
-    Mat Yh = pxTempPlane(im.hHeight(), im.hWidth(), CV_16UC1);
-    downSize2X(im.m_Y, Yh, 4);
-    downSize2X(rgb[0], im.m_Dr, 4);
-    downSize2X(rgb[2], im.m_Db, 4);
-    differenceRows<doubled>(im.m_Dr, im.m_Db, Yh);
-    im.m_halfMask.setTo(255);
-    if (im.uid() != nullptr) im.uid()->update();
+    if (halvesExactly(im)) {
+        fusedFrom<doubled>(im, [&](int n, u16 *, u16 const *rows[3]) {
+            for (int c = 0; c < 3; ++c)
+                rows[c] = rgb[c].ptr<u16>(n);
+        });
+    } else {
+        lumaRows<doubled>(rgb[0], rgb[1], rgb[2], im.m_Y);
+        Mat Yh = pxTempPlane(im.hHeight(), im.hWidth(), CV_16UC1);
+        downSize2X(im.m_Y, Yh, 4);
+        downSize2X(rgb[0], im.m_Dr, 4);
+        downSize2X(rgb[2], im.m_Db, 4);
+        differenceRows<doubled>(im.m_Dr, im.m_Db, Yh);
+    }
+    finishFrom(im);
 }
 
-// Packed B, G, R, A pixels (the row stride in elements) split into three 16-bit planes,
-// bytes into the high byte, then the planar path.
+// One packed row of B, G, R, A split into three 16-bit rows, bytes into the high byte.
+template <class T>
+void splitPackedRow(T const *__restrict in, u16 *__restrict r, u16 *__restrict g, u16 *__restrict b,
+                    int width) {
+    int const shift = sizeof(T) == 1 ? 8 : 0;
+    for (int x = 0; x < width; ++x) {
+        b[x] = u16(in[4 * x] << shift);
+        g[x] = u16(in[4 * x + 1] << shift);
+        r[x] = u16(in[4 * x + 2] << shift);
+    }
+}
+
+// Packed B, G, R, A pixels (the row stride in elements): split into 16-bit rows on the way
+// for even sizes, otherwise into three planes for the planar path.
 template <class T>
 void fromPacked(TPImage &im, T const *buffer, int width, int height, int stride) {
     if (emptyArea(width, height)) return;
-    int const shift = sizeof(T) == 1 ? 8 : 0;
+    auto rowIn = [&](int row) { return buffer + std::ptrdiff_t(row) * stride; };
+    if (width % 2 == 0 && height % 2 == 0) {
+        im.create(width, height, true);
+        fusedFrom<false>(im, [&](int n, u16 *scratch, u16 const *rows[3]) {
+            u16 *r = scratch, *g = scratch + width, *b = scratch + 2 * std::size_t(width);
+            splitPackedRow(rowIn(n), r, g, b, width);
+            rows[0] = r;
+            rows[1] = g;
+            rows[2] = b;
+        });
+        finishFrom(im);
+        return;
+    }
     Mat R = pxTempPlane(height, width, CV_16UC1), G = pxTempPlane(height, width, CV_16UC1),
         B = pxTempPlane(height, width, CV_16UC1);
     parallelRows(height, std::int64_t(height) * width, [&](int row) {
-        T const *in = buffer + std::ptrdiff_t(row) * stride;
-        u16 *r = R.ptr<u16>(row);
-        u16 *g = G.ptr<u16>(row);
-        u16 *b = B.ptr<u16>(row);
-        for (int x = 0; x < width; ++x) {
-            b[x] = u16(in[4 * x] << shift);
-            g[x] = u16(in[4 * x + 1] << shift);
-            r[x] = u16(in[4 * x + 2] << shift);
-        }
+        splitPackedRow(rowIn(row), R.ptr<u16>(row), G.ptr<u16>(row), B.ptr<u16>(row), width);
     });
     unsigned short *planes[3] = {R.ptr<u16>(), G.ptr<u16>(), B.ptr<u16>()};
     fromPlanes<false>(im, planes, width, height, int(R.step));

@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <type_traits>
 #include <vector>
 
 #include <opencv2/imgproc.hpp>
 
 #include "kestrix1/kernels/parallel.h"
+#include "kestrix1/kernels/px_halve.h"
 #include "kestrix1/kernels/px_view.h"
 
 namespace {
@@ -173,7 +175,14 @@ PxStatus resizeImpl(T const *src, IppiSize srcSize, int srcStep, IppiRect srcRoi
                             nearlyEqual(double(roi.height) / outSize.height, 1.0 / yFactor) &&
                             nearlyEqual(u0, 0.5 / xFactor - 0.5) &&
                             nearlyEqual(v0, 0.5 / yFactor - 0.5);
-    if (resizeFits) {
+    bool const halving = std::is_same_v<T, std::uint16_t> && interpolation == pxInterCubic &&
+                         roi.width == 2 * outSize.width && roi.height == 2 * outSize.height;
+    if (resizeFits && halving) {
+        // The commonest case, with the same results as cv::resize at several times its speed.
+        pxHalveCubic(reinterpret_cast<std::uint16_t const *>(source.data), int(source.step),
+                     IppiSize{roi.width, roi.height}, reinterpret_cast<std::uint16_t *>(out.data),
+                     int(out.step));
+    } else if (resizeFits) {
         cv::resize(source, out, out.size(), 0.0, 0.0, cvInter);
     } else {
         resizeSeparable<T>(source, out, xs, ys, xFactor, yFactor, xShift, yShift, roi,
