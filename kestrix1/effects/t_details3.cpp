@@ -149,6 +149,23 @@ Mat zoomOneArea(Mat const &in, cv::Rect_<int> const &roi) {
     return in(cv::Rect(roi.x, roi.y, x1 - roi.x, y1 - roi.y));
 }
 
+// The region of a plane as TPImage::MatRoi makes it. Above zoom 1 a 16-bit region is
+// resampled into `dst` itself when dst is this object's alone and already of the region's
+// shape: hosts pan and zoom previews all the time, and a fresh plane for each would cost more
+// to fault in than the resampling does.
+void regionOf(Mat const &in, cv::Rect_<int> const &roi, int scale, Mat &dst) {
+    bool const reuse = scale > 1 && in.type() == CV_16UC1 && dst.type() == CV_16UC1 &&
+                       dst.u != nullptr && dst.u->refcount == 1 && dst.rows == roi.height &&
+                       dst.cols == roi.width;
+    if (!reuse) {
+        dst = TPImage::MatRoi(in, roi.x, roi.y, roi.width, roi.height, scale, false, false);
+        return;
+    }
+    int const x1 = std::min(roi.x + scale * roi.width, in.cols);
+    int const y1 = std::min(roi.y + scale * roi.height, in.rows);
+    downSizeNX(in(cv::Rect(roi.x, roi.y, x1 - roi.x, y1 - roi.y)), dst, scale, 4);
+}
+
 bool sameShape(Mat const &a, Mat const &b) {
     return a.rows == b.rows && a.cols == b.cols;
 }
@@ -276,15 +293,14 @@ bool TDetails3::proc(cv::Rect_<int> region, int scale, Mat extra) {
 
     if (roiChanged || baseDirty) {
         // At zoom 1 the region is copied into the plane kept from the last call, which
-        // spares a fresh allocation; other zooms resample into a new plane.
+        // spares a fresh allocation; other zooms resample, into that plane where they can.
         if (zoomOne && srcY.type() == CV_16UC1)
             zoomOneArea(srcY, roi).copyTo(roiBase);
         else
-            roiBase =
-                TPImage::MatRoi(srcY, roi.x, roi.y, roi.width, roi.height, roiScale, false, false);
+            regionOf(srcY, roi, roiScale, roiBase);
         if (std::fabs(colorMix[0]) >= 0.01f || std::fabs(colorMix[1]) >= 0.01f ||
             std::fabs(colorMix[2]) >= 0.01f) {
-            Mat dr, db;
+            Mat &dr = m_roiChroma[0], &db = m_roiChroma[1];
             // modYWithC only reads the chroma, so at zoom 1 a view of the area does.
             bool const view = zoomOne && !srcDr.empty() && !srcDb.empty() &&
                               (srcDr.type() == CV_16UC1 || srcDr.type() == CV_8UC1) &&
@@ -293,12 +309,13 @@ bool TDetails3::proc(cv::Rect_<int> region, int scale, Mat extra) {
                 dr = zoomOneArea(srcDr, roi);
                 db = zoomOneArea(srcDb, roi);
             } else {
-                dr = TPImage::MatRoi(srcDr, roi.x, roi.y, roi.width, roi.height, roiScale, false,
-                                     false);
-                db = TPImage::MatRoi(srcDb, roi.x, roi.y, roi.width, roi.height, roiScale, false,
-                                     false);
+                regionOf(srcDr, roi, roiScale, dr);
+                regionOf(srcDb, roi, roiScale, db);
             }
             modYWithC(dr, db, colorMix[0], colorMix[1], colorMix[2], roiBase);
+            // A view must not keep the source planes alive past them; a resampled region is
+            // kept for the next preview.
+            if (view) dr = db = Mat();
         }
         TLightAdjLUTd3 light;
         light.setupParams(lightParam[0], lightParam[1], lightParam[2], lightParam[3], lightParam[4],
@@ -321,8 +338,7 @@ bool TDetails3::proc(cv::Rect_<int> region, int scale, Mat extra) {
             raw = zoomOneArea(src, roi);
             roiDetail[n].create(raw.size(), CV_16UC1);
         } else {
-            roiDetail[n] =
-                TPImage::MatRoi(src, roi.x, roi.y, roi.width, roi.height, roiScale, false, false);
+            regionOf(src, roi, roiScale, roiDetail[n]);
             raw = roiDetail[n];
         }
         Mat &dst = roiDetail[n];

@@ -121,4 +121,7 @@ private:
     // entries each), kept between calls so that a slider change reuses warm memory. Not
     // shared by copies: each object fills its own.
     std::vector<std::uint16_t> m_tables;
+    // The chroma of the last zoomed region, reused by the next one of the same size. Also
+    // not shared by copies.
+    cv::Mat m_roiChroma[2];
 };

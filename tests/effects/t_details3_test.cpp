@@ -400,6 +400,40 @@ TEST(TDetails3, ColourMixShiftsTheBaseAndBadChromaThrowsThroughProc) {
     EXPECT_TRUE(d.baseDirty);
 }
 
+TEST(TDetails3, PanningAZoomedPreviewGivesWhatAFreshObjectGivesAndSparesCopies) {
+    // Zoomed regions are resampled into the planes of the last one when nothing else holds
+    // them. A pan must give exactly what a fresh object gives for the new region, and a copy
+    // taken before the pan must keep its base and level planes.
+    auto loaded = [] {
+        Loaded d(66, 90);
+        d.srcDr = noise16(66, 90, 31, 20000, 45000);
+        d.srcDb = noise16(66, 90, 32, 20000, 45000);
+        d.colorMix[1] = 0.4f;
+        d.detailAmount[1][0] = 0.7f;
+        return d;
+    };
+    cv::Rect_<int> const first(4, 6, 36, 25), second(10, 8, 36, 25), third(12, 3, 36, 25);
+    cv::Rect_<int> const wider(2, 2, 40, 25);
+    Loaded d = loaded();
+    d.proc(first, 2, Mat());
+    u16 const *const base = d.roiBase.ptr<u16>();
+    Loaded const before(d);
+    for (cv::Rect_<int> const &r : {second, third, wider}) {
+        d.proc(r, 2, Mat());
+        Loaded fresh = loaded();
+        fresh.proc(r, 2, Mat());
+        EXPECT_TRUE(same(d.getRoiY(), fresh.getRoiY())) << r;
+        EXPECT_TRUE(same(d.roiBase, fresh.roiBase)) << r;
+    }
+    // The copy's base and levels still hold the first region.
+    EXPECT_NE(d.roiBase.ptr<u16>(), base);
+    Loaded again = loaded();
+    again.proc(first, 2, Mat());
+    EXPECT_TRUE(same(before.roiBase, again.roiBase));
+    for (int n = 0; n < 3; ++n)
+        EXPECT_TRUE(same(before.roiDetail[n], again.roiDetail[n])) << n;
+}
+
 // ---- long setup ---------------------------------------------------------------------------
 
 struct Canceller {

@@ -12,6 +12,7 @@
 #include <opencv2/imgproc.hpp>
 #include <string>
 
+#include "kestrix1/image/nearest_in_guide.h"
 #include "tests/support/images.h"
 #include "tests/support/throws.h"
 
@@ -352,6 +353,84 @@ TEST(ScalingSharpen, PixelsJumpToTheNearerExtremeTiesToTheMinimum) {
         extremeSharpen(inPlace, inPlace);
         EXPECT_TRUE(same(inPlace, expected)) << s;
     }
+}
+
+// The nearest-in-guide enlargement decides eight columns at a time where the build has
+// vectors, and leaves the columns no whole vector reaches to scalar code. These cases put
+// the vector ends and the band ends everywhere they can fall.
+
+// A guide of a few levels, so that most choices are ties; `levels` maps noise 0..n-1 to
+// the values used.
+cv::Mat levelGuide(int rows, int cols, std::uint64_t seed, std::initializer_list<u16> levels) {
+    cv::Mat y = kxtest::noise(rows, cols, CV_16U, seed, 0, double(levels.size()));
+    for (u16 &v : cv::Mat_<u16>(y))
+        v = levels.begin()[v];
+    return y;
+}
+
+// Rows of two planes enlarged together in bands, each band with scratch rows of its own
+// above and below, as a caller that consumes the rows at once would do.
+void enlargePairInBands(cv::Mat const &y, cv::Mat const &in0, cv::Mat const &in1, cv::Mat &out0,
+                        cv::Mat &out1) {
+    out0.create(y.size(), CV_16U);
+    out1.create(y.size(), CV_16U);
+    cv::Mat scratch0(4, y.cols, CV_16U), scratch1(4, y.cols, CV_16U);
+    nearest::forEachBand(0, y.rows, nearest::kBandRows, [&](int a, int b) {
+        auto rowOf = [a, b](cv::Mat &out, cv::Mat &scratch) {
+            return [&out, &scratch, a, b](int r) {
+                if (r >= a && r < b) return out.ptr<u16>(r);
+                return scratch.ptr<u16>(r < a ? r - a + 2 : r - b + 2);
+            };
+        };
+        nearest::enlargeBand(y, in0, in1, a, b, rowOf(out0, scratch0), rowOf(out1, scratch1));
+    });
+}
+
+TEST(ScalingGuidedSimpleVectors, EveryVectorAndBandEndMatchesThePlainReference) {
+    int const widths[] = {15, 16, 17, 18, 33, 62, 63, 64, 65, 130, 257};
+    int const B = nearest::kBandRows;
+    int const heights[] = {2, 3, B - 1, B + 1, B + 2, 2 * B + 1, 2 * B + 6, 4 * B + 3};
+    for (int W : widths)
+        for (int H : heights) {
+            std::uint64_t const seed = std::uint64_t(W) * 1000 + H;
+            // Small levels tie often; the extremes make distances of 0, 1, 65534 and 65535,
+            // where a compare of unsigned lanes done as signed would go wrong.
+            cv::Mat const small = levelGuide(H, W, seed, {100, 101, 102, 104});
+            cv::Mat const extreme = levelGuide(H, W, seed + 1, {0, 1, 32768, 65535});
+            cv::Mat const dr = noise16((H + 1) / 2, (W + 1) / 2, seed + 2);
+            cv::Mat const db = noise16((H + 1) / 2, (W + 1) / 2, seed + 3);
+            for (cv::Mat const &y : {small, extreme}) {
+                cv::Mat const want = nearestReference(y, dr);
+                cv::Mat out;
+                upSize2XGuidedByYSimple(y, dr, out);
+                EXPECT_TRUE(same(out, want)) << W << " x " << H;
+                // A guide whose rows begin off the vectors' alignment and lie further apart
+                // than their width.
+                cv::Mat wide(H, W + 5, CV_16U, cv::Scalar(7));
+                cv::Mat const shifted = wide(cv::Rect(1, 0, W, H));
+                y.copyTo(shifted);
+                upSize2XGuidedByYSimple(shifted, dr, out);
+                EXPECT_TRUE(same(out, want)) << W << " x " << H << " in a wider buffer";
+                // Two planes under one guide, the choice shared between them.
+                cv::Mat out0, out1;
+                enlargePairInBands(y, dr, db, out0, out1);
+                EXPECT_TRUE(same(out0, want)) << W << " x " << H << " first of a pair";
+                EXPECT_TRUE(same(out1, nearestReference(y, db)))
+                    << W << " x " << H << " second of a pair";
+            }
+        }
+}
+
+TEST(ScalingGuidedSimpleVectors, EnlargesAPhotographLikeThePlainReference) {
+    // Real edges and smooth areas, with the width one short of a multiple of the vector.
+    cv::Mat bgr = kxtest::photo("coffee.png"), grey;
+    cv::cvtColor(bgr(cv::Rect(0, 0, 263, 150)), grey, cv::COLOR_BGR2GRAY);
+    cv::Mat y, chroma;
+    grey.convertTo(y, CV_16U, 257.0);
+    cv::resize(y, chroma, cv::Size(132, 75), 0, 0, cv::INTER_AREA);
+    cv::Mat out;
+    upSize2XGuidedByYSimple(y, chroma, out);
+    EXPECT_TRUE(same(out, nearestReference(y, chroma)));
 }
 
 }  // namespace
