@@ -120,8 +120,8 @@ struct Flat {
 
 TEST(TPImageConvert, FlatColoursGiveExactValuesThroughEveryPath) {
     for (Flat const &f : kFlats)
-        for (cv::Size size :
-             {cv::Size(7, 5), cv::Size(5, 3), cv::Size(1, 1), cv::Size(1, 9), cv::Size(9, 1)}) {
+        for (cv::Size size : {cv::Size(7, 5), cv::Size(5, 3), cv::Size(1, 1), cv::Size(1, 9),
+                              cv::Size(9, 1), cv::Size(8, 6), cv::Size(2, 2)}) {
             SCOPED_TRACE(testing::Message() << f.name << " " << size);
             int const w = size.width, h = size.height;
             Planes<u16> in(h, w);
@@ -195,7 +195,10 @@ void noisePlanes(cv::Size size, int hi, cv::Mat rgb[3]) {
 }
 
 TEST(TPImageConvert, ForwardPathsMatchThePlainReference) {
-    for (cv::Size size : {cv::Size(33, 17), cv::Size(5, 3), cv::Size(1, 7), cv::Size(8, 1)}) {
+    // Odd sizes take the plain path; even ones the single walk down the rows, here with
+    // heights that split into bands on two threads and the smallest even plane.
+    for (cv::Size size : {cv::Size(33, 17), cv::Size(5, 3), cv::Size(1, 7), cv::Size(8, 1),
+                          cv::Size(34, 18), cv::Size(2, 2), cv::Size(6, 44), cv::Size(2, 10)}) {
         SCOPED_TRACE(testing::Message() << size);
         cv::Mat rgb[3], Y, Dr, Db, y2;
         for (bool doubled : {false, true}) {
@@ -233,6 +236,33 @@ TEST(TPImageConvert, ForwardPathsMatchThePlainReference) {
                 ASSERT_EQ(out32[0].at<u16>(i, j), yf);
                 ASSERT_EQ(out32[1].at<u16>(i, j), rint16((rf * 65535.0 - yf) * 0.5 + 32768.0));
             }
+    }
+}
+
+TEST(TPImageConvert, PackedInputsGiveWhatThePlanarPathGives) {
+    // B, G, R, A pixels with rows longer than the image: 16-bit values as they are, bytes
+    // into the high byte. Even sizes split the rows on the way, odd ones through planes.
+    for (cv::Size size : {cv::Size(34, 18), cv::Size(2, 2), cv::Size(33, 17), cv::Size(6, 44)}) {
+        SCOPED_TRACE(testing::Message() << size);
+        int const w = size.width, h = size.height;
+        cv::Mat const wide16 = kxtest::noise(h, w + 5, CV_16UC4, 7, 0, 65536);
+        cv::Mat const wide8 = kxtest::noise(h, w + 5, CV_8UC4, 8, 0, 256);
+        for (bool bytes : {false, true}) {
+            cv::Mat bgra[4], rgb[3];
+            cv::split((bytes ? wide8 : wide16)(cv::Rect(0, 0, w, h)), bgra);
+            for (int c = 0; c < 3; ++c)
+                bgra[2 - c].convertTo(rgb[c], CV_16U, bytes ? 256 : 1);
+            unsigned short *in[3] = {rgb[0].ptr<u16>(), rgb[1].ptr<u16>(), rgb[2].ptr<u16>()};
+            TPImage planar, packed;
+            planar.convertFrompRGB(in, w, h, 0);
+            if (bytes)
+                packed.convertFrom(wide8.data, w, h, int(wide8.step));
+            else
+                packed.convertFrom(wide16.ptr<u16>(), w, h, int(wide16.step / 2));
+            EXPECT_EQ(cv::norm(packed.m_Y, planar.m_Y, cv::NORM_INF), 0.0) << bytes;
+            EXPECT_EQ(cv::norm(packed.m_Dr, planar.m_Dr, cv::NORM_INF), 0.0) << bytes;
+            EXPECT_EQ(cv::norm(packed.m_Db, planar.m_Db, cv::NORM_INF), 0.0) << bytes;
+        }
     }
 }
 
