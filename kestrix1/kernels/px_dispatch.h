@@ -13,3 +13,22 @@
 #else
 #define KX_VECTOR_CLONES
 #endif
+
+// Loops written with AVX2 intrinsics, for work the compiler does not vectorise well by
+// itself: KX_AVX2_TARGET on the function, and a call only where kxHasAvx2() says the CPU has
+// it. Elsewhere the portable loop beside it runs.
+#if defined(__GNUC__) && defined(__x86_64__)
+#define KX_HAVE_AVX2_PATHS 1
+#define KX_AVX2_TARGET __attribute__((target("avx2")))
+// Tests switch the AVX2 loops off to check the portable ones on the same machine.
+inline bool &kxAvx2Allowed() {
+    static bool allowed = true;
+    return allowed;
+}
+inline bool kxHasAvx2() {
+    static bool const has = __builtin_cpu_supports("avx2");
+    return has && kxAvx2Allowed();
+}
+#else
+#define KX_HAVE_AVX2_PATHS 0
+#endif

@@ -3,6 +3,10 @@
 #include <algorithm>
 #include <cstring>
 
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
 #include "kestrix1/kernels/parallel.h"
 #include "kestrix1/kernels/px_dispatch.h"
 #include "kestrix1/kernels/px_view.h"
@@ -35,17 +39,21 @@ inline int oddOf(std::uint32_t pair) {
     return kLittleEndian ? int(pair >> 16) : int(pair & 0xffffu);
 }
 
+// Outputs [j0, j1) of a row halved across, one at a time with the edges replicated. Every
+// partial sum is a multiple of 1/32 below 2^17 in magnitude, so float holds it exactly and
+// the integer sum scaled once is what any order of float additions gives.
+void acrossRange(std::uint16_t const *src, int srcWidth, float *dst, int j0, int j1) {
+    auto at = [&](int x) { return int(src[std::clamp(x, 0, srcWidth - 1)]); };
+    for (int j = j0; j < j1; ++j) {
+        int const s = kNear * (at(2 * j) + at(2 * j + 1)) + kFar * (at(2 * j - 1) + at(2 * j + 2));
+        dst[j] = float(s) * 0.03125f;
+    }
+}
+
 KX_VECTOR_CLONES void across(std::uint16_t const *__restrict src, int srcWidth,
                              float *__restrict dst) {
     int const w = srcWidth / 2;
-    // Every partial sum is a multiple of 1/32 below 2^17 in magnitude, so float holds it
-    // exactly and the integer sum scaled once is what any order of float additions gives.
-    auto edge = [&](int j) {
-        auto at = [&](int x) { return int(src[std::clamp(x, 0, srcWidth - 1)]); };
-        int const s = kNear * (at(2 * j) + at(2 * j + 1)) + kFar * (at(2 * j - 1) + at(2 * j + 2));
-        dst[j] = float(s) * 0.03125f;
-    };
-    edge(0);
+    acrossRange(src, srcWidth, dst, 0, 1);
     // Pixels 2j and 2j + 1 read as one 32-bit word: contiguous loads that vectorise, where
     // loads at a stride of two do so poorly.
     for (int j = 1; j < w - 1; ++j) {
@@ -56,7 +64,7 @@ KX_VECTOR_CLONES void across(std::uint16_t const *__restrict src, int srcWidth,
         int const s = kNear * (evenOf(pair) + oddOf(pair)) + kFar * (oddOf(before) + evenOf(after));
         dst[j] = float(s) * 0.03125f;
     }
-    if (w > 1) edge(w - 1);
+    acrossRange(src, srcWidth, dst, std::max(w - 1, 1), w);
 }
 
 KX_VECTOR_CLONES void down(float const *__restrict r0, float const *__restrict r1,
@@ -71,14 +79,75 @@ KX_VECTOR_CLONES void down(float const *__restrict r0, float const *__restrict r
         dst[x] = round16(r0[x] * kFarF + r1[x] * kNearF + r2[x] * kNearF + r3[x] * kFarF);
 }
 
+#if KX_HAVE_AVX2_PATHS
+// Across with one multiply-add of 16-bit pairs per pair of taps: pixels 2j - 1, 2j weigh
+// (-3, 19) and pixels 2j + 1, 2j + 2 weigh (19, -3). The pairs are signed, so the pixels are
+// moved down by 32768 first and the weights' sum (32) times that is added back.
+KX_AVX2_TARGET void acrossAvx2(std::uint16_t const *__restrict src, int srcWidth,
+                               float *__restrict dst) {
+    int const w = srcWidth / 2;
+    acrossRange(src, srcWidth, dst, 0, 1);
+    __m256i const flip = _mm256_set1_epi16(-32768);
+    __m256i const before = _mm256_set1_epi32(int(std::uint32_t(kNear) << 16 | std::uint16_t(kFar)));
+    __m256i const after = _mm256_set1_epi32(int(std::uint32_t(std::uint16_t(kFar)) << 16 | kNear));
+    __m256i const back = _mm256_set1_epi32(32 * 32768);
+    __m256 const scale = _mm256_set1_ps(0.03125f);
+    int j = 1;
+    for (; j + 8 <= w - 1; j += 8) {
+        __m256i const a = _mm256_xor_si256(
+            _mm256_loadu_si256(reinterpret_cast<__m256i const *>(src + 2 * j - 1)), flip);
+        __m256i const b = _mm256_xor_si256(
+            _mm256_loadu_si256(reinterpret_cast<__m256i const *>(src + 2 * j + 1)), flip);
+        __m256i const s = _mm256_add_epi32(
+            _mm256_add_epi32(_mm256_madd_epi16(a, before), _mm256_madd_epi16(b, after)), back);
+        _mm256_storeu_ps(dst + j, _mm256_mul_ps(_mm256_cvtepi32_ps(s), scale));
+    }
+    acrossRange(src, srcWidth, dst, j, w);
+}
+
+// Eight outputs down in the order cv::resize adds them, rounded to nearest even (the default
+// mode), as 32-bit integers.
+KX_AVX2_TARGET inline __m256i downSum8(float const *r0, float const *r1, float const *r2,
+                                       float const *r3) {
+    __m256 const far = _mm256_set1_ps(kFarF), near = _mm256_set1_ps(kNearF);
+    __m256 t = _mm256_mul_ps(_mm256_loadu_ps(r3), far);
+    t = _mm256_add_ps(_mm256_mul_ps(_mm256_loadu_ps(r2), near), t);
+    t = _mm256_add_ps(_mm256_mul_ps(_mm256_loadu_ps(r1), near), t);
+    t = _mm256_add_ps(_mm256_mul_ps(_mm256_loadu_ps(r0), far), t);
+    return _mm256_cvtps_epi32(t);
+}
+
+// Down sixteen outputs at a time, then cv::resize's own tail through the portable loop.
+KX_AVX2_TARGET void downAvx2(float const *__restrict r0, float const *__restrict r1,
+                             float const *__restrict r2, float const *__restrict r3, int width,
+                             std::uint16_t *__restrict dst) {
+    int const vec = width - width % kVectorLanes;
+    int x = 0;
+    for (; x + 16 <= vec; x += 16) {
+        __m256i const packed =
+            _mm256_packus_epi32(downSum8(r0 + x, r1 + x, r2 + x, r3 + x),
+                                downSum8(r0 + x + 8, r1 + x + 8, r2 + x + 8, r3 + x + 8));
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + x),
+                            _mm256_permute4x64_epi64(packed, 0xd8));
+    }
+    down(r0 + x, r1 + x, r2 + x, r3 + x, width - x, dst + x);
+}
+#endif
+
 }  // namespace
 
 void pxHalveCubicAcross(std::uint16_t const *src, int srcWidth, float *dst) {
+#if KX_HAVE_AVX2_PATHS
+    if (kxHasAvx2()) return acrossAvx2(src, srcWidth, dst);
+#endif
     across(src, srcWidth, dst);
 }
 
 void pxHalveCubicDown(float const *r0, float const *r1, float const *r2, float const *r3, int width,
                       std::uint16_t *dst) {
+#if KX_HAVE_AVX2_PATHS
+    if (kxHasAvx2()) return downAvx2(r0, r1, r2, r3, width, dst);
+#endif
     down(r0, r1, r2, r3, width, dst);
 }
 

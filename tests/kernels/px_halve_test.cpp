@@ -6,6 +6,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "kestrix1/kernels/px_dispatch.h"
 #include "kestrix1/kernels/px_geometry.h"
 #include "kestrix1/kernels/px_halve.h"
 #include "tests/support/images.h"
@@ -30,30 +31,48 @@ cv::Mat halved(cv::Mat const &src) {
     return out;
 }
 
+// Runs a check with the loops for wide vectors, where the CPU has them, and without.
+template <class Check>
+void bothPaths(Check check) {
+#if KX_HAVE_AVX2_PATHS
+    for (bool wide : {true, false}) {
+        SCOPED_TRACE(wide ? "AVX2 loops" : "portable loops");
+        kxAvx2Allowed() = wide;
+        check();
+    }
+    kxAvx2Allowed() = true;
+#else
+    check();
+#endif
+}
+
 TEST(PxHalve, MatchesCvResizeBitForBit) {
     // Output widths 1 .. 40 cover every remainder of the vector groups; tall and short planes
     // cross the row bands of both threads.
-    int const heights[] = {2, 4, 6, 34, 130};
-    std::uint64_t seed = 1;
-    for (int w = 1; w <= 40; ++w)
-        for (int H : heights) {
-            cv::Mat const src = kxtest::noise(H, 2 * w, CV_16UC1, seed++, 0, 65536);
-            ASSERT_TRUE(same(halved(src), resizeHalf(src))) << 2 * w << "x" << H;
-        }
-    // A photograph-like width with a long vector run.
-    cv::Mat const wide = kxtest::noise(64, 6002, CV_16UC1, 99, 0, 65536);
-    EXPECT_TRUE(same(halved(wide), resizeHalf(wide)));
+    bothPaths([] {
+        int const heights[] = {2, 4, 6, 34, 130};
+        std::uint64_t seed = 1;
+        for (int w = 1; w <= 40; ++w)
+            for (int H : heights) {
+                cv::Mat const src = kxtest::noise(H, 2 * w, CV_16UC1, seed++, 0, 65536);
+                ASSERT_TRUE(same(halved(src), resizeHalf(src))) << 2 * w << "x" << H;
+            }
+        // A photograph-like width with a long vector run.
+        cv::Mat const wide = kxtest::noise(64, 6002, CV_16UC1, 99, 0, 65536);
+        EXPECT_TRUE(same(halved(wide), resizeHalf(wide)));
+    });
 }
 
 TEST(PxHalve, SaturatesOvershootLikeCvResize) {
     // Black and white cells: the negative lobes push sums below 0 and above 65535.
-    for (int cell : {1, 2, 3}) {
-        cv::Mat const board = kxtest::checkerboard(38, 54, CV_16UC1, cell, 0, 65535);
-        cv::Mat const out = halved(board);
-        EXPECT_TRUE(same(out, resizeHalf(board))) << cell;
-    }
-    cv::Mat const bits = kxtest::noise(40, 70, CV_16UC1, 5, 0, 2) * 65535;
-    EXPECT_TRUE(same(halved(bits), resizeHalf(bits)));
+    bothPaths([] {
+        for (int cell : {1, 2, 3}) {
+            cv::Mat const board = kxtest::checkerboard(38, 54, CV_16UC1, cell, 0, 65535);
+            EXPECT_TRUE(same(halved(board), resizeHalf(board))) << cell;
+        }
+        cv::Mat const bits = kxtest::noise(40, 70, CV_16UC1, 5, 0, 2) * 65535;
+        EXPECT_TRUE(same(halved(bits), resizeHalf(bits)));
+    });
 }
 
 TEST(PxHalve, ExactWeightsOnARamp) {
