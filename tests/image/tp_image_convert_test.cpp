@@ -276,87 +276,98 @@ TEST(TPImageConvert, PackedInputsGiveWhatThePlanarPathGives) {
 }
 
 TEST(TPImageConvert, OutputPathsMatchThePlainReference) {
-    // 9 x 150 crosses the bands in which chroma is enlarged and consumed.
-    for (cv::Size size : {cv::Size(33, 17), cv::Size(9, 150), cv::Size(5, 3), cv::Size(1, 1),
-                          cv::Size(1, 6), cv::Size(7, 1)}) {
-        SCOPED_TRACE(testing::Message() << size);
-        int const w = size.width, h = size.height;
-        TPImage im(w, h);
-        im.m_Y = kxtest::noise(h, w, CV_16UC1, 3, 0, 65536);
-        im.m_Dr = kxtest::noise(im.hHeight(), im.hWidth(), CV_16UC1, 4, 0, 65536);
-        im.m_Db = kxtest::noise(im.hHeight(), im.hWidth(), CV_16UC1, 5, 0, 65536);
-        cv::Mat nearR, nearB, cubicR, cubicB;  // enlarged by nearest-in-Y and plainly
-        upSize2XGuidedByYSimple(im.m_Y, im.m_Dr, nearR);
-        upSize2XGuidedByYSimple(im.m_Y, im.m_Db, nearB);
-        upSize2XGuidedByY(im.m_Y, im.m_Dr, cubicR, false, 4);
-        upSize2XGuidedByY(im.m_Y, im.m_Db, cubicB, false, 4);
+    // 9 x 150 crosses the bands in which chroma is enlarged and consumed; 70 x 12 has whole
+    // vectors of every width. Each runs with the loops for wide vectors, where the CPU has
+    // them, and with the portable ones.
+    for (int run = 0; run < 2; ++run)
+        for (cv::Size size : {cv::Size(33, 17), cv::Size(9, 150), cv::Size(5, 3), cv::Size(1, 1),
+                              cv::Size(1, 6), cv::Size(7, 1), cv::Size(70, 12)}) {
+#if KX_HAVE_AVX2_PATHS
+            kxAvx2Allowed() = run == 0;
+#endif
+            SCOPED_TRACE(testing::Message() << size);
+            int const w = size.width, h = size.height;
+            TPImage im(w, h);
+            im.m_Y = kxtest::noise(h, w, CV_16UC1, 3, 0, 65536);
+            im.m_Dr = kxtest::noise(im.hHeight(), im.hWidth(), CV_16UC1, 4, 0, 65536);
+            im.m_Db = kxtest::noise(im.hHeight(), im.hWidth(), CV_16UC1, 5, 0, 65536);
+            cv::Mat nearR, nearB, cubicR, cubicB;  // enlarged by nearest-in-Y and plainly
+            upSize2XGuidedByYSimple(im.m_Y, im.m_Dr, nearR);
+            upSize2XGuidedByYSimple(im.m_Y, im.m_Db, nearB);
+            upSize2XGuidedByY(im.m_Y, im.m_Dr, cubicR, false, 4);
+            upSize2XGuidedByY(im.m_Y, im.m_Db, cubicB, false, 4);
 
-        Planes<u16> o16(h, w), o15(h, w);
-        Planes<u8> o8(h, w);
-        cv::Mat packed(h, w, CV_8UC4);
-        im.convertTopRGB(o16.p, o16.stride());
-        im.convertTopRGB15U(o15.p, o15.stride());
-        im.convertTopRGB8U(o8.p, o8.stride());
-        im.convertTo(packed.data, int(packed.step));
-        for (int i = 0; i < h; ++i)
-            for (int j = 0; j < w; ++j) {
-                int const y = im.m_Y.at<u16>(i, j);
-                Rgb const want[4] = {refF16(y, nearR.at<u16>(i, j), nearB.at<u16>(i, j)),
-                                     refF15(y, cubicR.at<u16>(i, j), cubicB.at<u16>(i, j)),
-                                     refF8(y, cubicR.at<u16>(i, j), cubicB.at<u16>(i, j)),
-                                     refPacked(y, nearR.at<u16>(i, j), nearB.at<u16>(i, j))};
-                cv::Vec4b const q = packed.at<cv::Vec4b>(i, j);
-                for (int c = 0; c < 3; ++c) {
-                    int const w16 = (&want[0].r)[c], w15 = (&want[1].r)[c], w8 = (&want[2].r)[c];
-                    ASSERT_EQ(o16[c].at<u16>(i, j), w16);
-                    ASSERT_EQ(o15[c].at<u16>(i, j), w15);
-                    ASSERT_EQ(o8[c].at<u8>(i, j), w8);
-                    ASSERT_EQ(q[2 - c], (&want[3].r)[c]) << "channel " << c;
+            Planes<u16> o16(h, w), o15(h, w);
+            Planes<u8> o8(h, w);
+            cv::Mat packed(h, w, CV_8UC4);
+            im.convertTopRGB(o16.p, o16.stride());
+            im.convertTopRGB15U(o15.p, o15.stride());
+            im.convertTopRGB8U(o8.p, o8.stride());
+            im.convertTo(packed.data, int(packed.step));
+            for (int i = 0; i < h; ++i)
+                for (int j = 0; j < w; ++j) {
+                    int const y = im.m_Y.at<u16>(i, j);
+                    Rgb const want[4] = {refF16(y, nearR.at<u16>(i, j), nearB.at<u16>(i, j)),
+                                         refF15(y, cubicR.at<u16>(i, j), cubicB.at<u16>(i, j)),
+                                         refF8(y, cubicR.at<u16>(i, j), cubicB.at<u16>(i, j)),
+                                         refPacked(y, nearR.at<u16>(i, j), nearB.at<u16>(i, j))};
+                    cv::Vec4b const q = packed.at<cv::Vec4b>(i, j);
+                    for (int c = 0; c < 3; ++c) {
+                        int const w16 = (&want[0].r)[c], w15 = (&want[1].r)[c],
+                                  w8 = (&want[2].r)[c];
+                        ASSERT_EQ(o16[c].at<u16>(i, j), w16);
+                        ASSERT_EQ(o15[c].at<u16>(i, j), w15);
+                        ASSERT_EQ(o8[c].at<u8>(i, j), w8);
+                        ASSERT_EQ(q[2 - c], (&want[3].r)[c]) << "channel " << c;
+                    }
+                    ASSERT_EQ(q[3], 255);
                 }
-                ASSERT_EQ(q[3], 255);
+            EXPECT_TRUE(o16.intact() && o15.intact() && o8.intact());
+
+            // The matrix forms, on full-size planes. The float ones are not clamped; the six-plane
+            // float form drops the low bit of Y in r and b, the vector form keeps it.
+            cv::Mat m16[3], m15[3], m8[3], f6[3];
+            for (int c = 0; c < 3; ++c) {
+                m16[c].create(size, CV_16UC1);
+                m15[c].create(size, CV_16UC1);
+                m8[c].create(size, CV_8UC1);
+                f6[c].create(size, CV_32FC1);
             }
-        EXPECT_TRUE(o16.intact() && o15.intact() && o8.intact());
+            TPImage::YDRDB2RGB(im.m_Y, nearR, nearB, m16[0], m16[1], m16[2]);
+            im.YDRDB2RGB15U(im.m_Y, cubicR, cubicB, m15[0], m15[1], m15[2]);
+            im.YDRDB2RGB8U(im.m_Y, cubicR, cubicB, m8[0], m8[1], m8[2]);
+            im.YDRDB2RGB32F(im.m_Y, nearR, nearB, f6[0], f6[1], f6[2]);
+            std::vector<cv::Mat> ydrdb{im.m_Y, nearR, nearB}, fv(3);
+            TPImage::YDRDB2RGB32F(ydrdb, fv);
+            for (int c = 0; c < 3; ++c)
+                EXPECT_EQ(cv::norm(m16[c], o16[c], cv::NORM_INF) +
+                              cv::norm(m15[c], o15[c], cv::NORM_INF) +
+                              cv::norm(m8[c], o8[c], cv::NORM_INF),
+                          0.0);
+            double const y = im.m_Y.at<u16>(h - 1, w - 1), dr = nearR.at<u16>(h - 1, w - 1),
+                         db = nearB.at<u16>(h - 1, w - 1);
+            double const r = (dr + std::floor(y / 2) - 32768) * 2,
+                         b = (std::floor(y / 2) + db - 32768) * 2;
+            EXPECT_NEAR(f6[0].at<float>(h - 1, w - 1), r / 65535, 1e-6);
+            EXPECT_NEAR(f6[1].at<float>(h - 1, w - 1), (y - 0.299 * r - 0.114 * b) * 1.7036 / 65535,
+                        1e-5);
+            double const rv = (y + 2 * dr - 65536) / 65535, bv = (y + 2 * db - 65536) / 65535;
+            EXPECT_NEAR(fv[0].at<float>(h - 1, w - 1), rv, 1e-6);
+            EXPECT_NEAR(fv[1].at<float>(h - 1, w - 1),
+                        (y / 65535 - 0.299 * rv - 0.114 * bv) * 1.7036, 1e-5);
 
-        // The matrix forms, on full-size planes. The float ones are not clamped; the six-plane
-        // float form drops the low bit of Y in r and b, the vector form keeps it.
-        cv::Mat m16[3], m15[3], m8[3], f6[3];
-        for (int c = 0; c < 3; ++c) {
-            m16[c].create(size, CV_16UC1);
-            m15[c].create(size, CV_16UC1);
-            m8[c].create(size, CV_8UC1);
-            f6[c].create(size, CV_32FC1);
+            // The half-size output takes m_fY when there is one.
+            im.m_fY = kxtest::noise(im.hHeight(), im.hWidth(), CV_16UC1, 6, 0, 65536);
+            Planes<u8> half(im.hHeight(), im.hWidth());
+            im.convertToHalfpRGB(half.p, half.stride());
+            Rgb const c =
+                refF8(im.m_fY.at<u16>(0, 0), im.m_Dr.at<u16>(0, 0), im.m_Db.at<u16>(0, 0));
+            EXPECT_EQ(half[1].at<u8>(0, 0), c.g);
+            EXPECT_TRUE(half.intact());
         }
-        TPImage::YDRDB2RGB(im.m_Y, nearR, nearB, m16[0], m16[1], m16[2]);
-        im.YDRDB2RGB15U(im.m_Y, cubicR, cubicB, m15[0], m15[1], m15[2]);
-        im.YDRDB2RGB8U(im.m_Y, cubicR, cubicB, m8[0], m8[1], m8[2]);
-        im.YDRDB2RGB32F(im.m_Y, nearR, nearB, f6[0], f6[1], f6[2]);
-        std::vector<cv::Mat> ydrdb{im.m_Y, nearR, nearB}, fv(3);
-        TPImage::YDRDB2RGB32F(ydrdb, fv);
-        for (int c = 0; c < 3; ++c)
-            EXPECT_EQ(cv::norm(m16[c], o16[c], cv::NORM_INF) +
-                          cv::norm(m15[c], o15[c], cv::NORM_INF) +
-                          cv::norm(m8[c], o8[c], cv::NORM_INF),
-                      0.0);
-        double const y = im.m_Y.at<u16>(h - 1, w - 1), dr = nearR.at<u16>(h - 1, w - 1),
-                     db = nearB.at<u16>(h - 1, w - 1);
-        double const r = (dr + std::floor(y / 2) - 32768) * 2,
-                     b = (std::floor(y / 2) + db - 32768) * 2;
-        EXPECT_NEAR(f6[0].at<float>(h - 1, w - 1), r / 65535, 1e-6);
-        EXPECT_NEAR(f6[1].at<float>(h - 1, w - 1), (y - 0.299 * r - 0.114 * b) * 1.7036 / 65535,
-                    1e-5);
-        double const rv = (y + 2 * dr - 65536) / 65535, bv = (y + 2 * db - 65536) / 65535;
-        EXPECT_NEAR(fv[0].at<float>(h - 1, w - 1), rv, 1e-6);
-        EXPECT_NEAR(fv[1].at<float>(h - 1, w - 1), (y / 65535 - 0.299 * rv - 0.114 * bv) * 1.7036,
-                    1e-5);
-
-        // The half-size output takes m_fY when there is one.
-        im.m_fY = kxtest::noise(im.hHeight(), im.hWidth(), CV_16UC1, 6, 0, 65536);
-        Planes<u8> half(im.hHeight(), im.hWidth());
-        im.convertToHalfpRGB(half.p, half.stride());
-        Rgb const c = refF8(im.m_fY.at<u16>(0, 0), im.m_Dr.at<u16>(0, 0), im.m_Db.at<u16>(0, 0));
-        EXPECT_EQ(half[1].at<u8>(0, 0), c.g);
-        EXPECT_TRUE(half.intact());
-    }
+#if KX_HAVE_AVX2_PATHS
+    kxAvx2Allowed() = true;
+#endif
 }
 
 // Every grey level, where the precision of 1.7036 (double in the 16-bit paths, float in the
@@ -385,6 +396,23 @@ TEST(TPImageConvert, EveryGreyLevelFollowsTheFormulas) {
         ASSERT_EQ(m15[1].at<u16>(i, j), refF15(k, 32768, 32768).g) << k;
         ASSERT_EQ(m8[1].at<u8>(i, j), refF8(k, 32768, 32768).g) << k;
         ASSERT_EQ(packed.at<cv::Vec4b>(i, j)[1], refPacked(k, 32768, 32768).g) << k;
+    }
+    // Every level again under colour through the 16-bit formula: noisy Dr, Db with their
+    // extremes sprinkled in, where R and B saturate both ways.
+    cv::Mat Dr = kxtest::noise(256, 256, CV_16UC1, 41, 0, 65536);
+    cv::Mat Db = kxtest::noise(256, 256, CV_16UC1, 42, 0, 65536);
+    u16 const extremes[] = {0, 1, 32767, 32768, 32769, 65534, 65535};
+    for (int k = 0; k < 65536; k += 3) {
+        Dr.at<u16>(k / 256, k % 256) = extremes[k % 7];
+        Db.at<u16>(k / 256, k % 256) = extremes[(k / 7) % 7];
+    }
+    TPImage::YDRDB2RGB(Y, Dr, Db, m16[0], m16[1], m16[2]);
+    for (int k = 0; k < 65536; ++k) {
+        int const i = k / 256, j = k % 256;
+        Rgb const want = refF16(k, Dr.at<u16>(i, j), Db.at<u16>(i, j));
+        ASSERT_EQ(m16[0].at<u16>(i, j), want.r) << k;
+        ASSERT_EQ(m16[1].at<u16>(i, j), want.g) << k;
+        ASSERT_EQ(m16[2].at<u16>(i, j), want.b) << k;
     }
 }
 
