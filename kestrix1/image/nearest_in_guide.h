@@ -20,6 +20,12 @@
 #include <opencv2/core.hpp>
 #include <opencv2/core/hal/intrin.hpp>
 
+#include "kestrix1/kernels/px_dispatch.h"
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
 namespace nearest {
 
 // Rows per band: few enough that the guide, chroma and output rows of a band of a
@@ -103,9 +109,9 @@ inline V pick(Choice const &c, V v0, V v1, V v2, V v3) {
     return cv::v_select(c.keep3, v012, v3);
 }
 
-// d[2j] = d[2j + 1] = s[j] for whole vectors of j below n; returns the first j not done.
-inline int placePairs(std::uint16_t const *s, std::uint16_t *d, int n) {
-    int j = 0;
+// d[2j] = d[2j + 1] = s[j] for whole vectors of j from j below n; returns the first j not
+// done.
+inline int placePairs(std::uint16_t const *s, std::uint16_t *d, int j, int n) {
     for (; j + V::nlanes <= n; j += V::nlanes) {
         V lo, hi;
         V const v = load(s + j);
@@ -116,7 +122,7 @@ inline int placePairs(std::uint16_t const *s, std::uint16_t *d, int n) {
     return j;
 }
 
-// The diagonal choice of an odd row for odd columns from 1, eight columns a vector; ou, od
+// The diagonal choice of an odd row for odd columns from x, eight columns a vector; ou, od
 // and d are the rows above, below and of the pixel in each plane. The even columns in
 // between are stored too, with a meaningless choice: in the band's own rows the cross step
 // and the outer columns write them before anything reads them, and an odd row outside the
@@ -125,8 +131,7 @@ inline int placePairs(std::uint16_t const *s, std::uint16_t *d, int n) {
 template <int N>
 int diagonalRow(std::uint16_t const *gu, std::uint16_t const *gr, std::uint16_t const *gd,
                 std::uint16_t const *const *ou, std::uint16_t const *const *od,
-                std::uint16_t *const *d, int W) {
-    int x = 1;
+                std::uint16_t *const *d, int x, int W) {
     for (; x + V::nlanes <= W - 1; x += V::nlanes) {
         Choice const c = choose(load(gr + x), load(gu + x - 1), load(gu + x + 1), load(gd + x - 1),
                                 load(gd + x + 1));
@@ -185,6 +190,113 @@ int crossRow(std::uint16_t const *gu, std::uint16_t const *gr, std::uint16_t con
 
 #endif
 
+#if KX_HAVE_AVX2_PATHS
+
+// The same loops on sixteen columns, for CPUs with AVX2; each hands the columns it leaves to
+// the eight-column loop.
+namespace lanes256 {
+
+KX_AVX2_TARGET inline __m256i load(std::uint16_t const *p) {
+    return _mm256_loadu_si256(reinterpret_cast<__m256i const *>(p));
+}
+KX_AVX2_TARGET inline void store(std::uint16_t *p, __m256i v) {
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(p), v);
+}
+KX_AVX2_TARGET inline __m256i absDiff16(__m256i a, __m256i b) {
+    return _mm256_or_si256(_mm256_subs_epu16(a, b), _mm256_subs_epu16(b, a));
+}
+
+struct Choice {
+    __m256i keep1, keep2, keep3;
+};
+
+KX_AVX2_TARGET inline __m256i loses(__m256i &best, __m256i d) {
+    __m256i const gain = _mm256_subs_epu16(best, d);
+    best = _mm256_sub_epi16(best, gain);
+    return _mm256_cmpeq_epi16(gain, _mm256_setzero_si256());
+}
+
+KX_AVX2_TARGET inline Choice choose(__m256i t, __m256i g0, __m256i g1, __m256i g2, __m256i g3) {
+    __m256i best = absDiff16(g0, t);
+    Choice c;
+    c.keep1 = loses(best, absDiff16(g1, t));
+    c.keep2 = loses(best, absDiff16(g2, t));
+    c.keep3 = loses(best, absDiff16(g3, t));
+    return c;
+}
+
+// keep ? earlier : later, lane by lane.
+KX_AVX2_TARGET inline __m256i pick(Choice const &c, __m256i v0, __m256i v1, __m256i v2,
+                                   __m256i v3) {
+    __m256i const v01 = _mm256_blendv_epi8(v1, v0, c.keep1);
+    __m256i const v012 = _mm256_blendv_epi8(v2, v01, c.keep2);
+    return _mm256_blendv_epi8(v3, v012, c.keep3);
+}
+
+KX_AVX2_TARGET inline int placePairs(std::uint16_t const *s, std::uint16_t *d, int j, int n) {
+    for (; j + 16 <= n; j += 16) {
+        __m256i const v = load(s + j);
+        // Pairs within each 128-bit half, then the halves put in order.
+        __m256i const lo = _mm256_unpacklo_epi16(v, v), hi = _mm256_unpackhi_epi16(v, v);
+        store(d + 2 * j, _mm256_permute2x128_si256(lo, hi, 0x20));
+        store(d + 2 * j + 16, _mm256_permute2x128_si256(lo, hi, 0x31));
+    }
+    return j;
+}
+
+template <int N>
+KX_AVX2_TARGET int diagonalRow(std::uint16_t const *gu, std::uint16_t const *gr,
+                               std::uint16_t const *gd, std::uint16_t const *const *ou,
+                               std::uint16_t const *const *od, std::uint16_t *const *d, int x,
+                               int W) {
+    for (; x + 16 <= W - 1; x += 16) {
+        Choice const c = choose(load(gr + x), load(gu + x - 1), load(gu + x + 1), load(gd + x - 1),
+                                load(gd + x + 1));
+        for (int k = 0; k < N; ++k)
+            store(d[k] + x, pick(c, load(ou[k] + x - 1), load(ou[k] + x + 1), load(od[k] + x - 1),
+                                 load(od[k] + x + 1)));
+    }
+    return x;
+}
+
+template <int N>
+KX_AVX2_TARGET int crossRow(std::uint16_t const *gu, std::uint16_t const *gr,
+                            std::uint16_t const *gd, std::uint16_t const *const *ou,
+                            std::uint16_t const *const *od, std::uint16_t *const *d, int x, int W) {
+    if (x + 16 > W - 1) return x;
+    __m256i const filled = _mm256_set1_epi32(0xFFFF);  // lanes x, x + 2, ..
+    __m256i here[N], left[N];
+    for (int k = 0; k < N; ++k) {
+        here[k] = load(d[k] + x);
+        left[k] = load(d[k] + x - 1);
+    }
+    for (;;) {
+        Choice const ch =
+            choose(load(gr + x), load(gu + x), load(gr + x - 1), load(gr + x + 1), load(gd + x));
+        __m256i out[N];
+        for (int k = 0; k < N; ++k) {
+            __m256i const chosen =
+                pick(ch, load(ou[k] + x), left[k], load(d[k] + x + 1), load(od[k] + x));
+            out[k] = _mm256_blendv_epi8(here[k], chosen, filled);
+        }
+        int const next = x + 16;
+        bool const more = next + 16 <= W - 1;
+        if (more)
+            for (int k = 0; k < N; ++k) {
+                here[k] = load(d[k] + next);
+                left[k] = load(d[k] + next - 1);
+            }
+        for (int k = 0; k < N; ++k)
+            store(d[k] + x, out[k]);
+        x = next;
+        if (!more) return x;
+    }
+}
+
+}  // namespace lanes256
+
+#endif
+
 // Rows [a, b) of the enlargement of the N planes in[k] to the size of the guide `y` (all
 // CV_16UC1, y at least 2 x 2). row(k, r) is where row r of plane k lives, for r from a - 2
 // to b + 1 within the plane; rows outside [a, b) are scratch that the band fills with the
@@ -202,6 +314,9 @@ void enlargeBands(cv::Mat const &y, cv::Mat const *const *in, int a, int b, RowO
     auto g = [&](int r) { return y.ptr<std::uint16_t>(r); };
     int const top = a - 2 > 0 ? a - 2 : 0;
     int const bottom = b + 1 < H - 1 ? b + 1 : H - 1;
+#if KX_HAVE_AVX2_PATHS
+    bool const wide = kxHasAvx2();
+#endif
 
     // Placed values. The odd columns of even rows get the same values, which is a
     // contiguous store; nothing reads them before the later steps replace them.
@@ -210,8 +325,11 @@ void enlargeBands(cv::Mat const &y, cv::Mat const *const *in, int a, int b, RowO
             std::uint16_t const *s = in[k]->ptr<std::uint16_t>(r / 2);
             std::uint16_t *d = row(k, r);
             int j = 0;
+#if KX_HAVE_AVX2_PATHS
+            if (wide) j = lanes256::placePairs(s, d, j, W / 2);
+#endif
 #if CV_SIMD128
-            j = lanes::placePairs(s, d, W / 2);
+            j = lanes::placePairs(s, d, j, W / 2);
 #endif
             for (; j < W / 2; ++j)
                 d[2 * j] = d[2 * j + 1] = s[j];
@@ -235,8 +353,11 @@ void enlargeBands(cv::Mat const &y, cv::Mat const *const *in, int a, int b, RowO
         for (int k = 0; k < N; ++k)
             ou[k] = row(k, r - 1), od[k] = row(k, r + 1), d[k] = row(k, r);
         int x = 1;
+#if KX_HAVE_AVX2_PATHS
+        if (wide) x = lanes256::diagonalRow<N>(gu, gr, gd, ou, od, d, x, W);
+#endif
 #if CV_SIMD128
-        x = lanes::diagonalRow<N>(gu, gr, gd, ou, od, d, W);
+        x = lanes::diagonalRow<N>(gu, gr, gd, ou, od, d, x, W);
 #endif
         for (int k = 0; k < N; ++k) {
             nearestOf4(gr + x, {gu + x - 1, ou[k] + x - 1}, {gu + x + 1, ou[k] + x + 1},
@@ -257,6 +378,9 @@ void enlargeBands(cv::Mat const &y, cv::Mat const *const *in, int a, int b, RowO
         for (int k = 0; k < N; ++k)
             ou[k] = row(k, r - 1), od[k] = row(k, r + 1), d[k] = row(k, r);
         int x = 1 + (r & 1);
+#if KX_HAVE_AVX2_PATHS
+        if (wide) x = lanes256::crossRow<N>(gu, gr, gd, ou, od, d, x, W);
+#endif
 #if CV_SIMD128
         x = lanes::crossRow<N>(gu, gr, gd, ou, od, d, x, W);
 #endif

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "kestrix1/image/nearest_in_guide.h"
+#include "kestrix1/kernels/px_dispatch.h"
 #include "tests/support/images.h"
 #include "tests/support/throws.h"
 
@@ -390,35 +391,43 @@ TEST(ScalingGuidedSimpleVectors, EveryVectorAndBandEndMatchesThePlainReference) 
     int const widths[] = {15, 16, 17, 18, 33, 62, 63, 64, 65, 130, 257};
     int const B = nearest::kBandRows;
     int const heights[] = {2, 3, B - 1, B + 1, B + 2, 2 * B + 1, 2 * B + 6, 4 * B + 3};
-    for (int W : widths)
-        for (int H : heights) {
-            std::uint64_t const seed = std::uint64_t(W) * 1000 + H;
-            // Small levels tie often; the extremes make distances of 0, 1, 65534 and 65535,
-            // where a compare of unsigned lanes done as signed would go wrong.
-            cv::Mat const small = levelGuide(H, W, seed, {100, 101, 102, 104});
-            cv::Mat const extreme = levelGuide(H, W, seed + 1, {0, 1, 32768, 65535});
-            cv::Mat const dr = noise16((H + 1) / 2, (W + 1) / 2, seed + 2);
-            cv::Mat const db = noise16((H + 1) / 2, (W + 1) / 2, seed + 3);
-            for (cv::Mat const &y : {small, extreme}) {
-                cv::Mat const want = nearestReference(y, dr);
-                cv::Mat out;
-                upSize2XGuidedByYSimple(y, dr, out);
-                EXPECT_TRUE(same(out, want)) << W << " x " << H;
-                // A guide whose rows begin off the vectors' alignment and lie further apart
-                // than their width.
-                cv::Mat wide(H, W + 5, CV_16U, cv::Scalar(7));
-                cv::Mat const shifted = wide(cv::Rect(1, 0, W, H));
-                y.copyTo(shifted);
-                upSize2XGuidedByYSimple(shifted, dr, out);
-                EXPECT_TRUE(same(out, want)) << W << " x " << H << " in a wider buffer";
-                // Two planes under one guide, the choice shared between them.
-                cv::Mat out0, out1;
-                enlargePairInBands(y, dr, db, out0, out1);
-                EXPECT_TRUE(same(out0, want)) << W << " x " << H << " first of a pair";
-                EXPECT_TRUE(same(out1, nearestReference(y, db)))
-                    << W << " x " << H << " second of a pair";
+    // With the sixteen-column loops where the CPU has them, and with the eight-column ones.
+    for (int run = 0; run < 2; ++run)
+        for (int W : widths)
+            for (int H : heights) {
+#if KX_HAVE_AVX2_PATHS
+                kxAvx2Allowed() = run == 0;
+#endif
+                std::uint64_t const seed = std::uint64_t(W) * 1000 + H;
+                // Small levels tie often; the extremes make distances of 0, 1, 65534 and 65535,
+                // where a compare of unsigned lanes done as signed would go wrong.
+                cv::Mat const small = levelGuide(H, W, seed, {100, 101, 102, 104});
+                cv::Mat const extreme = levelGuide(H, W, seed + 1, {0, 1, 32768, 65535});
+                cv::Mat const dr = noise16((H + 1) / 2, (W + 1) / 2, seed + 2);
+                cv::Mat const db = noise16((H + 1) / 2, (W + 1) / 2, seed + 3);
+                for (cv::Mat const &y : {small, extreme}) {
+                    cv::Mat const want = nearestReference(y, dr);
+                    cv::Mat out;
+                    upSize2XGuidedByYSimple(y, dr, out);
+                    EXPECT_TRUE(same(out, want)) << W << " x " << H;
+                    // A guide whose rows begin off the vectors' alignment and lie further apart
+                    // than their width.
+                    cv::Mat wide(H, W + 5, CV_16U, cv::Scalar(7));
+                    cv::Mat const shifted = wide(cv::Rect(1, 0, W, H));
+                    y.copyTo(shifted);
+                    upSize2XGuidedByYSimple(shifted, dr, out);
+                    EXPECT_TRUE(same(out, want)) << W << " x " << H << " in a wider buffer";
+                    // Two planes under one guide, the choice shared between them.
+                    cv::Mat out0, out1;
+                    enlargePairInBands(y, dr, db, out0, out1);
+                    EXPECT_TRUE(same(out0, want)) << W << " x " << H << " first of a pair";
+                    EXPECT_TRUE(same(out1, nearestReference(y, db)))
+                        << W << " x " << H << " second of a pair";
+                }
             }
-        }
+#if KX_HAVE_AVX2_PATHS
+    kxAvx2Allowed() = true;
+#endif
 }
 
 TEST(ScalingGuidedSimpleVectors, EnlargesAPhotographLikeThePlainReference) {
