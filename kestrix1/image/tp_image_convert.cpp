@@ -177,13 +177,21 @@ KX_AVX2_TARGET inline __m256i plusTwice16(__m256i y, __m256i d) {
         _mm256_subs_epu16(_mm256_adds_epu16(_mm256_adds_epu16(y, up), up), down), down);
 }
 
+// Eight 16-bit lanes as floats.
+KX_AVX2_TARGET inline __m256 wide8(__m128i v) {
+    return _mm256_cvtepi32_ps(_mm256_cvtepu16_epi32(v));
+}
+
+// Sixteen 16-bit values.
+KX_AVX2_TARGET inline __m256i load16(u16 const *p) {
+    return _mm256_loadu_si256(reinterpret_cast<__m256i const *>(p));
+}
+
 // G of eight pixels as rounded 32-bit integers, as greenOf4.
 KX_AVX2_TARGET inline __m256i green8(__m128i y, __m128i r, __m128i b) {
-    auto const wide = [](__m128i v)
-                          KX_AVX2_TARGET { return _mm256_cvtepi32_ps(_mm256_cvtepu16_epi32(v)); };
     __m256 const t =
-        _mm256_sub_ps(_mm256_sub_ps(wide(y), _mm256_mul_ps(wide(r), _mm256_set1_ps(0.299f))),
-                      _mm256_mul_ps(wide(b), _mm256_set1_ps(0.114f)));
+        _mm256_sub_ps(_mm256_sub_ps(wide8(y), _mm256_mul_ps(wide8(r), _mm256_set1_ps(0.299f))),
+                      _mm256_mul_ps(wide8(b), _mm256_set1_ps(0.114f)));
     __m256d const k = _mm256_set1_pd(1.7036);
     __m128i const lo =
         _mm256_cvtpd_epi32(_mm256_mul_pd(_mm256_cvtps_pd(_mm256_castps256_ps128(t)), k));
@@ -198,11 +206,8 @@ KX_AVX2_TARGET int formulaRowAvx2(u16 const *__restrict y, u16 const *__restrict
                                   u16 *__restrict b, int cols) {
     int x = 0;
     for (; x + 16 <= cols; x += 16) {
-        auto const at = [](u16 const *p) KX_AVX2_TARGET {
-            return _mm256_loadu_si256(reinterpret_cast<__m256i const *>(p));
-        };
-        __m256i const Y = at(y + x);
-        __m256i const R = plusTwice16(Y, at(dr + x)), B = plusTwice16(Y, at(db + x));
+        __m256i const Y = load16(y + x);
+        __m256i const R = plusTwice16(Y, load16(dr + x)), B = plusTwice16(Y, load16(db + x));
         _mm256_storeu_si256(reinterpret_cast<__m256i *>(r + x), R);
         _mm256_storeu_si256(reinterpret_cast<__m256i *>(b + x), B);
         __m256i const G = _mm256_packus_epi32(
@@ -403,16 +408,10 @@ void fusedFrom(TPImage &im, RowOf rowOf) {
                 pxHalveCubicAcross(rgb[0], W, ringR.slot(next));
                 pxHalveCubicAcross(rgb[2], W, ringB.slot(next));
             }
-            int const t0 = pxHalveTap(i, 0, H), t1 = pxHalveTap(i, 1, H);
-            int const t2 = pxHalveTap(i, 2, H), t3 = pxHalveTap(i, 3, H);
-            auto down = [&](PxHalveRing &ring, u16 *out) {
-                pxHalveCubicDown(ring.slot(t0), ring.slot(t1), ring.slot(t2), ring.slot(t3), w,
-                                 out);
-            };
             u16 *dr = im.m_Dr.ptr<u16>(i), *db = im.m_Db.ptr<u16>(i);
-            down(ringY, yHalf.data());
-            down(ringR, dr);
-            down(ringB, db);
+            ringY.down(i, H, yHalf.data());
+            ringR.down(i, H, dr);
+            ringB.down(i, H, db);
             differenceRow<doubled>(dr, db, yHalf.data(), w);
         }
     });

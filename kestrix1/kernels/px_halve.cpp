@@ -151,6 +151,12 @@ void pxHalveCubicDown(float const *r0, float const *r1, float const *r2, float c
     down(r0, r1, r2, r3, width, dst);
 }
 
+void PxHalveRing::down(int i, int srcHeight, std::uint16_t *out) {
+    pxHalveCubicDown(slot(pxHalveTap(i, 0, srcHeight)), slot(pxHalveTap(i, 1, srcHeight)),
+                     slot(pxHalveTap(i, 2, srcHeight)), slot(pxHalveTap(i, 3, srcHeight)),
+                     int(m_stride), out);
+}
+
 PxStatus pxHalveCubic(std::uint16_t const *src, int srcStep, IppiSize srcSize, std::uint16_t *dst,
                       int dstStep) {
     if (PxStatus s = pxCheckRegion(src, srcStep, srcSize)) return s;
@@ -164,9 +170,7 @@ PxStatus pxHalveCubic(std::uint16_t const *src, int srcStep, IppiSize srcSize, s
         for (int i = i0; i < i1; ++i) {
             for (int last = pxHalveTap(i, 3, H); next <= last; ++next)
                 pxHalveCubicAcross(pxAt(src, srcStep, 0, next), srcSize.width, ring.slot(next));
-            pxHalveCubicDown(ring.slot(pxHalveTap(i, 0, H)), ring.slot(pxHalveTap(i, 1, H)),
-                             ring.slot(pxHalveTap(i, 2, H)), ring.slot(pxHalveTap(i, 3, H)),
-                             half.width, pxAt(dst, dstStep, 0, i));
+            ring.down(i, H, pxAt(dst, dstStep, 0, i));
         }
     });
     return pxStsNoErr;

@@ -38,6 +38,9 @@ public:
         : m_stride(halfWidth), m_rows(std::size_t(4) * std::size_t(halfWidth)) {}
     // Where source row r lives while it is one of the last four put.
     float *slot(int r) { return m_rows.data() + std::size_t(r & 3) * m_stride; }
+    // Output row i (of a source srcHeight rows high) from the rows it reads, which must be
+    // the last put.
+    void down(int i, int srcHeight, std::uint16_t *out);
 
 private:
     std::size_t m_stride;
