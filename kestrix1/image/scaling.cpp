@@ -204,21 +204,18 @@ void replicateHalf(cv::Mat const &in, cv::Mat &out) {
     }
 }
 
-// Each thread takes whole pairs of rows, so that no band is shorter than two rows, and
-// finishes them in bands small enough to stay in cache. The rows a band reads above and
-// below itself are filled again in a scratch of its own, never in a neighbour's output.
+// Each thread makes runs of rows straight into the output.
 void nearestInGuide(cv::Mat const &y, cv::Mat const &in, cv::Mat &out) {
-    int const H = y.rows, W = y.cols;
-    parallelBands(H / 2, std::int64_t(H) * W, [&](int p0, int p1) {
-        int const y0 = 2 * p0, y1 = p1 == H / 2 ? H : 2 * p1;
-        cv::Mat scratch(4, W, CV_16UC1);
-        nearest::forEachBand(y0, y1, nearest::kBandRows, [&](int a, int b) {
-            nearest::enlargeBand(y, in, a, b, [&](int r) {
-                if (r >= a && r < b) return out.ptr<std::uint16_t>(r);
-                return scratch.ptr<std::uint16_t>(r < a ? r - a + 2 : r - b + 2);
-            });
+    cv::Mat const *const planes[1] = {&in};
+    parallelChunks(
+        y.rows, nearest::kChunkRows, std::int64_t(y.rows) * y.cols,
+        [&] { return nearest::RowEnlarger<1>(y, planes); },
+        [&](nearest::RowEnlarger<1> &rows, int y0, int y1) {
+            for (int r = y0; r < y1; ++r) {
+                std::uint16_t *const dst[1] = {out.ptr<std::uint16_t>(r)};
+                rows.row(r, dst);
+            }
         });
-    });
 }
 
 // The guided path of the guided enlargements: `guideSmall` is y reduced to in's size.

@@ -220,12 +220,71 @@ KX_AVX2_TARGET int formulaRowAvx2(u16 const *__restrict y, u16 const *__restrict
 }
 #endif
 
+// y + 2 (d - 32768), saturated, thirty-two lanes at a time. One of up and down is 0; 2 up
+// is at most 65534, and 2 down saturates only from 65536, where y - 65535 and y - 65536
+// both saturate to 0. So two steps give what plusTwice's four do.
+KX_AVX512_TARGET inline __m512i plusTwice32(__m512i y, __m512i d) {
+    __m512i const half = _mm512_set1_epi16(-32768);
+    __m512i const up = _mm512_subs_epu16(d, half), down = _mm512_subs_epu16(half, d);
+    return _mm512_subs_epu16(_mm512_adds_epu16(y, _mm512_add_epi16(up, up)),
+                             _mm512_adds_epu16(down, down));
+}
+
+// The conversions below are written in their zero-masking forms with every lane kept: the
+// same instructions, but without the undefined pass-through operand that g++ 12 takes for
+// an uninitialised variable.
+
+// Lanes of 16-bit values as floats: the lower or upper four of each 128-bit quarter.
+KX_AVX512_TARGET inline __m512 lowerFloats(__m512i v) {
+    return _mm512_maskz_cvtepi32_ps(0xFFFF, _mm512_unpacklo_epi16(v, _mm512_setzero_si512()));
+}
+KX_AVX512_TARGET inline __m512 upperFloats(__m512i v) {
+    return _mm512_maskz_cvtepi32_ps(0xFFFF, _mm512_unpackhi_epi16(v, _mm512_setzero_si512()));
+}
+
+// Eight floats times 1.7036 in double, rounded to 32-bit integers.
+KX_AVX512_TARGET inline __m256i greenOf8(__m256 t) {
+    __m512d const wide = _mm512_maskz_cvtps_pd(0xFF, t);
+    return _mm512_maskz_cvtpd_epi32(0xFF, _mm512_mul_pd(wide, _mm512_set1_pd(1.7036)));
+}
+
+// G of sixteen pixels as rounded 32-bit integers in their lanes, as greenOf4.
+KX_AVX512_TARGET inline __m512i green16(__m512 y, __m512 r, __m512 b) {
+    __m512 const t = _mm512_sub_ps(_mm512_sub_ps(y, _mm512_mul_ps(r, _mm512_set1_ps(0.299f))),
+                                   _mm512_mul_ps(b, _mm512_set1_ps(0.114f)));
+    __m256i const lo = greenOf8(_mm512_maskz_extractf32x8_ps(0xFF, t, 0));
+    __m256i const hi = greenOf8(_mm512_maskz_extractf32x8_ps(0xFF, t, 1));
+    return _mm512_maskz_inserti64x4(0xFF, _mm512_castsi256_si512(lo), hi, 1);
+}
+
+// The 16-bit formula thirty-two pixels at a time; returns the first pixel not done. The
+// unpacks widen within 128-bit quarters and the pack narrows within them, so the lanes come
+// back in order.
+KX_AVX512_TARGET int formulaRowAvx512(u16 const *__restrict y, u16 const *__restrict dr,
+                                      u16 const *__restrict db, u16 *__restrict r,
+                                      u16 *__restrict g, u16 *__restrict b, int cols) {
+    int x = 0;
+    for (; x + 32 <= cols; x += 32) {
+        __m512i const Y = _mm512_loadu_si512(y + x);
+        __m512i const R = plusTwice32(Y, _mm512_loadu_si512(dr + x));
+        __m512i const B = plusTwice32(Y, _mm512_loadu_si512(db + x));
+        _mm512_storeu_si512(r + x, R);
+        _mm512_storeu_si512(b + x, B);
+        __m512i const lower = green16(lowerFloats(Y), lowerFloats(R), lowerFloats(B));
+        __m512i const upper = green16(upperFloats(Y), upperFloats(R), upperFloats(B));
+        _mm512_storeu_si512(g + x, _mm512_packus_epi32(lower, upper));
+    }
+    return x;
+}
+
 void formulaRow(u16 const *__restrict y, u16 const *__restrict dr, u16 const *__restrict db,
                 u16 *__restrict r, u16 *__restrict g, u16 *__restrict b, int cols, F16 f) {
     using namespace cv;
     int x = 0;
 #if KX_HAVE_AVX2_PATHS
-    if (kxHasAvx2()) x = formulaRowAvx2(y, dr, db, r, g, b, cols);
+    if (kxHasAvx512()) x = formulaRowAvx512(y, dr, db, r, g, b, cols);
+    if (kxHasAvx2())
+        x += formulaRowAvx2(y + x, dr + x, db + x, r + x, g + x, b + x, cols - x);
 #endif
     for (; x + 8 <= cols; x += 8) {
         v_uint16x8 const Y = v_load(y + x);
@@ -258,9 +317,9 @@ void ydrdbRows(Mat const &Y, Mat const &Dr, Mat const &Db, Mat &R, Mat &G, Mat &
     });
 }
 
-// A formula over Y and the half-size Dr, Db enlarged with Y as guide. The chroma is enlarged
-// a band of rows at a time into scratch rows of each thread and consumed at once, so no
-// full-size chroma plane is ever made.
+// A formula over Y and the half-size Dr, Db enlarged with Y as guide. Each chroma row is
+// made into a scratch row of its thread and consumed at once, so no full-size chroma plane
+// is ever made.
 template <class F>
 void nearestChromaRows(Mat const &Y, Mat const &Dr, Mat const &Db, Mat rgb[3], F f) {
     using Out = typename F::Out;
@@ -272,19 +331,22 @@ void nearestChromaRows(Mat const &Y, Mat const &Dr, Mat const &Db, Mat rgb[3], F
         ydrdbRows(Y, Drf, Dbf, rgb[0], rgb[1], rgb[2], f);
         return;
     }
-    parallelBands(H / 2, std::int64_t(H) * W, [&](int p0, int p1) {
-        int const y0 = 2 * p0, y1 = p1 == H / 2 ? H : 2 * p1;
-        // Rows a - 2 .. b + 1 of a band of at most kBandRows + 1 rows.
-        Mat dr(nearest::kBandRows + 5, W, CV_16UC1), db(nearest::kBandRows + 5, W, CV_16UC1);
-        nearest::forEachBand(y0, y1, nearest::kBandRows, [&](int a, int b) {
-            nearest::enlargeBand(
-                Y, Dr, Db, a, b, [&](int r) { return dr.ptr<u16>(r - a + 2); },
-                [&](int r) { return db.ptr<u16>(r - a + 2); });
-            for (int r = a; r < b; ++r)
-                formulaRow(Y.ptr<u16>(r), dr.ptr<u16>(r - a + 2), db.ptr<u16>(r - a + 2),
-                           rgb[0].ptr<Out>(r), rgb[1].ptr<Out>(r), rgb[2].ptr<Out>(r), W, f);
+    struct Scratch {
+        nearest::RowEnlarger<2> rows;
+        std::vector<u16> chroma;  // a row of Dr, then one of Db
+    };
+    Mat const *const planes[2] = {&Dr, &Db};
+    parallelChunks(
+        H, nearest::kChunkRows, std::int64_t(H) * W,
+        [&] { return Scratch{{Y, planes}, std::vector<u16>(2 * std::size_t(W))}; },
+        [&](Scratch &s, int y0, int y1) {
+            u16 *const dst[2] = {s.chroma.data(), s.chroma.data() + W};
+            for (int r = y0; r < y1; ++r) {
+                s.rows.row(r, dst);
+                formulaRow(Y.ptr<u16>(r), dst[0], dst[1], rgb[0].ptr<Out>(r),
+                           rgb[1].ptr<Out>(r), rgb[2].ptr<Out>(r), W, f);
+            }
         });
-    });
 }
 
 // A formula over Y and the half-size Dr, Db enlarged by cubic resampling.

@@ -47,3 +47,19 @@ void parallelBands(int rows, std::int64_t work, Body &&body) {
         if (y0 < y1) body(y0, y1);
     }
 }
+
+// Rows cut into chunks of `chunk` rows, handed to the threads as each becomes free: for
+// loops whose threads keep scratch between chunks, and that should finish together even
+// when something else on the machine holds a core. Each thread makes its own scratch with
+// make() and then calls body(scratch, y0, y1) for each chunk it takes.
+template <class Make, class Body>
+void parallelChunks(int rows, int chunk, std::int64_t work, Make &&make, Body &&body) {
+    int const chunks = (rows + chunk - 1) / chunk;
+#pragma omp parallel if (chunks > 1 && kxWorthThreads(work))
+    {
+        auto scratch = make();
+#pragma omp for schedule(dynamic)
+        for (int c = 0; c < chunks; ++c)
+            body(scratch, c * chunk, std::min(rows, (c + 1) * chunk));
+    }
+}

@@ -14,20 +14,33 @@
 #define KX_VECTOR_CLONES
 #endif
 
-// Loops written with AVX2 intrinsics, for work the compiler does not vectorise well by
-// itself: KX_AVX2_TARGET on the function, and a call only where kxHasAvx2() says the CPU has
-// it. Elsewhere the portable loop beside it runs.
+// Loops written with AVX2 or AVX-512 intrinsics, for work the compiler does not vectorise
+// well by itself: KX_AVX2_TARGET or KX_AVX512_TARGET on the function, and a call only where
+// kxHasAvx2() or kxHasAvx512() says the CPU has it. Elsewhere the portable loop beside it
+// runs. The AVX-512 loops need its foundation and its byte-and-word, vector-length and
+// doubleword-and-quadword parts, which every CPU with AVX-512 since 2017 has.
 #if defined(__GNUC__) && defined(__x86_64__)
 #define KX_HAVE_AVX2_PATHS 1
 #define KX_AVX2_TARGET __attribute__((target("avx2")))
-// Tests switch the AVX2 loops off to check the portable ones on the same machine.
-inline bool &kxAvx2Allowed() {
-    static bool allowed = true;
-    return allowed;
+#define KX_AVX512_TARGET __attribute__((target("avx512f,avx512bw,avx512vl,avx512dq")))
+
+// The widest vectors the library's loops may use. Tests lower it to check the narrower
+// loops on the same machine.
+enum class KxVectors { portable, avx2, avx512 };
+inline KxVectors &kxVectorLimit() {
+    static KxVectors limit = KxVectors::avx512;
+    return limit;
 }
 inline bool kxHasAvx2() {
     static bool const has = __builtin_cpu_supports("avx2");
-    return has && kxAvx2Allowed();
+    return has && kxVectorLimit() >= KxVectors::avx2;
+}
+inline bool kxHasAvx512() {
+    static bool const has = __builtin_cpu_supports("avx512f") &&
+                            __builtin_cpu_supports("avx512bw") &&
+                            __builtin_cpu_supports("avx512vl") &&
+                            __builtin_cpu_supports("avx512dq");
+    return has && kxVectorLimit() >= KxVectors::avx512;
 }
 #else
 #define KX_HAVE_AVX2_PATHS 0

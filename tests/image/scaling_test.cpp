@@ -16,6 +16,7 @@
 #include "kestrix1/kernels/px_dispatch.h"
 #include "tests/support/images.h"
 #include "tests/support/throws.h"
+#include "tests/support/vector_paths.h"
 
 namespace {
 
@@ -369,35 +370,30 @@ cv::Mat levelGuide(int rows, int cols, std::uint64_t seed, std::initializer_list
     return y;
 }
 
-// Rows of two planes enlarged together in bands, each band with scratch rows of its own
-// above and below, as a caller that consumes the rows at once would do.
-void enlargePairInBands(cv::Mat const &y, cv::Mat const &in0, cv::Mat const &in1, cv::Mat &out0,
-                        cv::Mat &out1) {
+// Two planes enlarged together by one row maker, row by row in order as the library's
+// callers ask, or from the last row up, which finds none of the rows it keeps.
+void enlargePair(cv::Mat const &y, cv::Mat const &in0, cv::Mat const &in1, cv::Mat &out0,
+                 cv::Mat &out1, bool upwards) {
     out0.create(y.size(), CV_16U);
     out1.create(y.size(), CV_16U);
-    cv::Mat scratch0(4, y.cols, CV_16U), scratch1(4, y.cols, CV_16U);
-    nearest::forEachBand(0, y.rows, nearest::kBandRows, [&](int a, int b) {
-        auto rowOf = [a, b](cv::Mat &out, cv::Mat &scratch) {
-            return [&out, &scratch, a, b](int r) {
-                if (r >= a && r < b) return out.ptr<u16>(r);
-                return scratch.ptr<u16>(r < a ? r - a + 2 : r - b + 2);
-            };
-        };
-        nearest::enlargeBand(y, in0, in1, a, b, rowOf(out0, scratch0), rowOf(out1, scratch1));
-    });
+    cv::Mat const *const planes[2] = {&in0, &in1};
+    nearest::RowEnlarger<2> rows(y, planes);
+    for (int n = 0; n < y.rows; ++n) {
+        int const r = upwards ? y.rows - 1 - n : n;
+        u16 *const dst[2] = {out0.ptr<u16>(r), out1.ptr<u16>(r)};
+        rows.row(r, dst);
+    }
 }
 
 TEST(ScalingGuidedSimpleVectors, EveryVectorAndBandEndMatchesThePlainReference) {
-    int const widths[] = {15, 16, 17, 18, 33, 62, 63, 64, 65, 130, 257};
-    int const B = nearest::kBandRows;
+    // The loops work on half-width rows, 8, 16 or 32 values a vector, and split and merge
+    // full rows 16, 32 or 64 values at a time: these widths end them everywhere.
+    int const widths[] = {15, 16, 17, 18, 33, 62, 63, 64, 65, 66, 67, 130, 131, 257, 258};
+    int const B = nearest::kChunkRows;
     int const heights[] = {2, 3, B - 1, B + 1, B + 2, 2 * B + 1, 2 * B + 6, 4 * B + 3};
-    // With the sixteen-column loops where the CPU has them, and with the eight-column ones.
-    for (int run = 0; run < 2; ++run)
+    kxtest::forEachVectorPath([&] {
         for (int W : widths)
             for (int H : heights) {
-#if KX_HAVE_AVX2_PATHS
-                kxAvx2Allowed() = run == 0;
-#endif
                 std::uint64_t const seed = std::uint64_t(W) * 1000 + H;
                 // Small levels tie often; the extremes make distances of 0, 1, 65534 and 65535,
                 // where a compare of unsigned lanes done as signed would go wrong.
@@ -418,16 +414,16 @@ TEST(ScalingGuidedSimpleVectors, EveryVectorAndBandEndMatchesThePlainReference) 
                     upSize2XGuidedByYSimple(shifted, dr, out);
                     EXPECT_TRUE(same(out, want)) << W << " x " << H << " in a wider buffer";
                     // Two planes under one guide, the choice shared between them.
-                    cv::Mat out0, out1;
-                    enlargePairInBands(y, dr, db, out0, out1);
-                    EXPECT_TRUE(same(out0, want)) << W << " x " << H << " first of a pair";
-                    EXPECT_TRUE(same(out1, nearestReference(y, db)))
-                        << W << " x " << H << " second of a pair";
+                    for (bool upwards : {false, true}) {
+                        cv::Mat out0, out1;
+                        enlargePair(y, dr, db, out0, out1, upwards);
+                        EXPECT_TRUE(same(out0, want)) << W << " x " << H << " first of a pair";
+                        EXPECT_TRUE(same(out1, nearestReference(y, db)))
+                            << W << " x " << H << " second of a pair";
+                    }
                 }
             }
-#if KX_HAVE_AVX2_PATHS
-    kxAvx2Allowed() = true;
-#endif
+    });
 }
 
 TEST(ScalingGuidedSimpleVectors, EnlargesAPhotographLikeThePlainReference) {

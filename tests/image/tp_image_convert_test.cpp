@@ -16,6 +16,7 @@
 #include "kestrix1/kernels/px_dispatch.h"
 #include "tests/support/images.h"
 #include "tests/support/throws.h"
+#include "tests/support/vector_paths.h"
 
 namespace {
 
@@ -202,12 +203,8 @@ TEST(TPImageConvert, ForwardPathsMatchThePlainReference) {
                           cv::Size(34, 18), cv::Size(2, 2), cv::Size(6, 44), cv::Size(2, 10)}) {
         SCOPED_TRACE(testing::Message() << size);
         cv::Mat rgb[3], Y, Dr, Db, y2;
-        // With the loops for wide vectors where the CPU has them, and the portable ones.
-        for (int run = 0; run < 4; ++run) {
-            bool const doubled = run % 2 == 1;
-#if KX_HAVE_AVX2_PATHS
-            kxAvx2Allowed() = run < 2;
-#endif
+        kxtest::forEachVectorPath([&] {
+          for (bool doubled : {false, true}) {
             noisePlanes(size, doubled ? 32768 : 65535, rgb);
             unsigned short *in[3] = {rgb[0].ptr<u16>(), rgb[1].ptr<u16>(), rgb[2].ptr<u16>()};
             TPImage im;
@@ -221,10 +218,8 @@ TEST(TPImageConvert, ForwardPathsMatchThePlainReference) {
             EXPECT_EQ(cv::norm(im.m_Db, Db, cv::NORM_INF), 0.0);
             (doubled ? TPImage::PRGB15U2Y : TPImage::PRGB2Y)(rgb[0], rgb[1], rgb[2], y2);
             EXPECT_EQ(cv::norm(y2, Y, cv::NORM_INF), 0.0);
-        }
-#if KX_HAVE_AVX2_PATHS
-        kxAvx2Allowed() = true;
-#endif
+          }
+        });
         // Same-size vector forms: the difference of each pixel, no reduction.
         std::vector<cv::Mat> in(rgb, rgb + 3), out(3), in32(3), out32(3);
         for (int c = 0; c < 3; ++c)
@@ -279,12 +274,9 @@ TEST(TPImageConvert, OutputPathsMatchThePlainReference) {
     // 9 x 150 crosses the bands in which chroma is enlarged and consumed; 70 x 12 has whole
     // vectors of every width. Each runs with the loops for wide vectors, where the CPU has
     // them, and with the portable ones.
-    for (int run = 0; run < 2; ++run)
+    kxtest::forEachVectorPath([] {
         for (cv::Size size : {cv::Size(33, 17), cv::Size(9, 150), cv::Size(5, 3), cv::Size(1, 1),
                               cv::Size(1, 6), cv::Size(7, 1), cv::Size(70, 12)}) {
-#if KX_HAVE_AVX2_PATHS
-            kxAvx2Allowed() = run == 0;
-#endif
             SCOPED_TRACE(testing::Message() << size);
             int const w = size.width, h = size.height;
             TPImage im(w, h);
@@ -365,9 +357,7 @@ TEST(TPImageConvert, OutputPathsMatchThePlainReference) {
             EXPECT_EQ(half[1].at<u8>(0, 0), c.g);
             EXPECT_TRUE(half.intact());
         }
-#if KX_HAVE_AVX2_PATHS
-    kxAvx2Allowed() = true;
-#endif
+    });
 }
 
 // Every grey level, where the precision of 1.7036 (double in the 16-bit paths, float in the

@@ -10,6 +10,7 @@
 #include "kestrix1/kernels/px_geometry.h"
 #include "kestrix1/kernels/px_halve.h"
 #include "tests/support/images.h"
+#include "tests/support/vector_paths.h"
 
 namespace {
 
@@ -31,25 +32,10 @@ cv::Mat halved(cv::Mat const &src) {
     return out;
 }
 
-// Runs a check with the loops for wide vectors, where the CPU has them, and without.
-template <class Check>
-void bothPaths(Check check) {
-#if KX_HAVE_AVX2_PATHS
-    for (bool wide : {true, false}) {
-        SCOPED_TRACE(wide ? "AVX2 loops" : "portable loops");
-        kxAvx2Allowed() = wide;
-        check();
-    }
-    kxAvx2Allowed() = true;
-#else
-    check();
-#endif
-}
-
 TEST(PxHalve, MatchesCvResizeBitForBit) {
     // Output widths 1 .. 40 cover every remainder of the vector groups; tall and short planes
     // cross the row bands of both threads.
-    bothPaths([] {
+    kxtest::forEachVectorPath([] {
         int const heights[] = {2, 4, 6, 34, 130};
         std::uint64_t seed = 1;
         for (int w = 1; w <= 40; ++w)
@@ -65,7 +51,7 @@ TEST(PxHalve, MatchesCvResizeBitForBit) {
 
 TEST(PxHalve, SaturatesOvershootLikeCvResize) {
     // Black and white cells: the negative lobes push sums below 0 and above 65535.
-    bothPaths([] {
+    kxtest::forEachVectorPath([] {
         for (int cell : {1, 2, 3}) {
             cv::Mat const board = kxtest::checkerboard(38, 54, CV_16UC1, cell, 0, 65535);
             EXPECT_TRUE(same(halved(board), resizeHalf(board))) << cell;
