@@ -140,7 +140,8 @@ struct F32V {
 // overlap inputs), so that the compiler vectorises it without run-time overlap checks.
 template <class F, class Out>
 void formulaRow(u16 const *__restrict y, u16 const *__restrict dr, u16 const *__restrict db,
-                Out *__restrict r, Out *__restrict g, Out *__restrict b, int cols, F f) {
+                Out *__restrict r, Out *__restrict g, Out *__restrict b, int cols, F f,
+                bool /*stream*/ = false) {
     for (int x = 0; x < cols; ++x) {
         Px<Out> const p = f(y[x], dr[x], db[x]);
         r[x] = p.r;
@@ -257,9 +258,19 @@ KX_AVX512_TARGET inline __m512i green16(__m512 y, __m512 r, __m512 b) {
     return _mm512_maskz_inserti64x4(0xFF, _mm512_castsi256_si512(lo), hi, 1);
 }
 
+template <bool stream>
+KX_AVX512_TARGET inline void store512(u16 *p, __m512i v) {
+    if (stream)
+        _mm512_stream_si512(reinterpret_cast<__m512i *>(p), v);
+    else
+        _mm512_storeu_si512(p, v);
+}
+
 // The 16-bit formula thirty-two pixels at a time; returns the first pixel not done. The
 // unpacks widen within 128-bit quarters and the pack narrows within them, so the lanes come
-// back in order.
+// back in order. With `stream` the outputs must be 64-byte aligned; the stores then go
+// straight to memory, without first reading lines that are only to be overwritten.
+template <bool stream>
 KX_AVX512_TARGET int formulaRowAvx512(u16 const *__restrict y, u16 const *__restrict dr,
                                       u16 const *__restrict db, u16 *__restrict r,
                                       u16 *__restrict g, u16 *__restrict b, int cols) {
@@ -268,21 +279,39 @@ KX_AVX512_TARGET int formulaRowAvx512(u16 const *__restrict y, u16 const *__rest
         __m512i const Y = _mm512_loadu_si512(y + x);
         __m512i const R = plusTwice32(Y, _mm512_loadu_si512(dr + x));
         __m512i const B = plusTwice32(Y, _mm512_loadu_si512(db + x));
-        _mm512_storeu_si512(r + x, R);
-        _mm512_storeu_si512(b + x, B);
+        store512<stream>(r + x, R);
+        store512<stream>(b + x, B);
         __m512i const lower = green16(lowerFloats(Y), lowerFloats(R), lowerFloats(B));
         __m512i const upper = green16(upperFloats(Y), upperFloats(R), upperFloats(B));
-        _mm512_storeu_si512(g + x, _mm512_packus_epi32(lower, upper));
+        store512<stream>(g + x, _mm512_packus_epi32(lower, upper));
     }
+    if (stream) _mm_sfence();  // the streamed lines are visible before the row is done
     return x;
 }
 
+// Pixels before r, g and b all reach a 64-byte boundary, or -1 if they never do together.
+inline int alignedFrom(u16 const *r, u16 const *g, u16 const *b) {
+    auto offset = [](u16 const *p) { return reinterpret_cast<std::uintptr_t>(p) % 64; };
+    if (offset(r) != offset(g) || offset(r) != offset(b) || offset(r) % 2) return -1;
+    return int((64 - offset(r)) % 64 / 2);
+}
+
+// `stream` asks for stores that bypass the cache, for outputs too big to stay there: the
+// host's planes.
 void formulaRow(u16 const *__restrict y, u16 const *__restrict dr, u16 const *__restrict db,
-                u16 *__restrict r, u16 *__restrict g, u16 *__restrict b, int cols, F16 f) {
+                u16 *__restrict r, u16 *__restrict g, u16 *__restrict b, int cols, F16 f,
+                bool stream = false) {
     using namespace cv;
     int x = 0;
 #if KX_HAVE_AVX2_PATHS
-    if (kxHasAvx512()) x = formulaRowAvx512(y, dr, db, r, g, b, cols);
+    int const lead = stream ? alignedFrom(r, g, b) : -1;
+    if (kxHasAvx512() && lead >= 0 && lead < cols) {
+        formulaRow<F16, u16>(y, dr, db, r, g, b, lead, f);
+        x = lead + formulaRowAvx512<true>(y + lead, dr + lead, db + lead, r + lead, g + lead,
+                                          b + lead, cols - lead);
+    } else if (kxHasAvx512()) {
+        x = formulaRowAvx512<false>(y, dr, db, r, g, b, cols);
+    }
     if (kxHasAvx2())
         x += formulaRowAvx2(y + x, dr + x, db + x, r + x, g + x, b + x, cols - x);
 #endif
@@ -336,6 +365,9 @@ void nearestChromaRows(Mat const &Y, Mat const &Dr, Mat const &Db, Mat rgb[3], F
         std::vector<u16> chroma;  // a row of Dr, then one of Db
     };
     Mat const *const planes[2] = {&Dr, &Db};
+    // Planes far larger than the cache are written past it, since the host reads them later,
+    // and a cache that held them would only have to write them back.
+    bool const stream = std::int64_t(H) * W * 3 * sizeof(Out) > (std::int64_t(64) << 20);
     parallelChunks(
         H, nearest::kChunkRows, std::int64_t(H) * W,
         [&] { return Scratch{{Y, planes}, std::vector<u16>(2 * std::size_t(W))}; },
@@ -344,7 +376,7 @@ void nearestChromaRows(Mat const &Y, Mat const &Dr, Mat const &Db, Mat rgb[3], F
             for (int r = y0; r < y1; ++r) {
                 s.rows.row(r, dst);
                 formulaRow(Y.ptr<u16>(r), dst[0], dst[1], rgb[0].ptr<Out>(r),
-                           rgb[1].ptr<Out>(r), rgb[2].ptr<Out>(r), W, f);
+                           rgb[1].ptr<Out>(r), rgb[2].ptr<Out>(r), W, f, stream);
             }
         });
 }

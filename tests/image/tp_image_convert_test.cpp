@@ -360,6 +360,30 @@ TEST(TPImageConvert, OutputPathsMatchThePlainReference) {
     });
 }
 
+TEST(TPImageConvert, LargeOutputsBypassTheCacheWithTheSameValues) {
+    // Beyond 64 MB of output, convertTopRGB writes past the cache from the first pixel at
+    // which all three planes reach a 64-byte line; an odd width moves that pixel from row to
+    // row. The values must be those of the formula over the enlarged planes.
+    int const w = 4001, h = 2800;
+    TPImage im(w, h);
+    im.m_Y = kxtest::noise(h, w, CV_16UC1, 6, 0, 65536);
+    im.m_Dr = kxtest::noise(im.hHeight(), im.hWidth(), CV_16UC1, 7, 0, 65536);
+    im.m_Db = kxtest::noise(im.hHeight(), im.hWidth(), CV_16UC1, 8, 0, 65536);
+    cv::Mat nearR, nearB, want[3], got[3];
+    upSize2XGuidedByYSimple(im.m_Y, im.m_Dr, nearR);
+    upSize2XGuidedByYSimple(im.m_Y, im.m_Db, nearB);
+    unsigned short *planes[3];
+    for (int c = 0; c < 3; ++c) {
+        want[c].create(h, w, CV_16UC1);
+        got[c].create(h, w, CV_16UC1);
+        planes[c] = got[c].ptr<u16>();
+    }
+    TPImage::YDRDB2RGB(im.m_Y, nearR, nearB, want[0], want[1], want[2]);
+    im.convertTopRGB(planes, 0);
+    for (int c = 0; c < 3; ++c)
+        EXPECT_EQ(cv::norm(got[c], want[c], cv::NORM_INF), 0.0) << "plane " << c;
+}
+
 // Every grey level, where the precision of 1.7036 (double in the 16-bit paths, float in the
 // 8-bit ones) and truncation against rounding of the packed path show in some levels only:
 // Y = 65279, for one, gives G = 65279.86, truncated to 254 in bytes but rounded to 255.
