@@ -82,18 +82,16 @@ KX_VECTOR_CLONES void down(float const *__restrict r0, float const *__restrict r
 #if KX_HAVE_AVX2_PATHS
 // Across with one multiply-add of 16-bit pairs per pair of taps: pixels 2j - 1, 2j weigh
 // (-3, 19) and pixels 2j + 1, 2j + 2 weigh (19, -3). The pairs are signed, so the pixels are
-// moved down by 32768 first and the weights' sum (32) times that is added back.
-KX_AVX2_TARGET void acrossAvx2(std::uint16_t const *__restrict src, int srcWidth,
-                               float *__restrict dst) {
-    int const w = srcWidth / 2;
-    acrossRange(src, srcWidth, dst, 0, 1);
+// moved down by 32768 first and the weights' sum (32) times that is added back. Outputs from
+// j while below `end`, eight at a time; returns the first not done.
+KX_AVX2_TARGET int acrossAvx2(std::uint16_t const *__restrict src, float *__restrict dst, int j,
+                              int end) {
     __m256i const flip = _mm256_set1_epi16(-32768);
     __m256i const before = _mm256_set1_epi32(int(std::uint32_t(kNear) << 16 | std::uint16_t(kFar)));
     __m256i const after = _mm256_set1_epi32(int(std::uint32_t(std::uint16_t(kFar)) << 16 | kNear));
     __m256i const back = _mm256_set1_epi32(32 * 32768);
     __m256 const scale = _mm256_set1_ps(0.03125f);
-    int j = 1;
-    for (; j + 8 <= w - 1; j += 8) {
+    for (; j + 8 <= end; j += 8) {
         __m256i const a = _mm256_xor_si256(
             _mm256_loadu_si256(reinterpret_cast<__m256i const *>(src + 2 * j - 1)), flip);
         __m256i const b = _mm256_xor_si256(
@@ -102,7 +100,7 @@ KX_AVX2_TARGET void acrossAvx2(std::uint16_t const *__restrict src, int srcWidth
             _mm256_add_epi32(_mm256_madd_epi16(a, before), _mm256_madd_epi16(b, after)), back);
         _mm256_storeu_ps(dst + j, _mm256_mul_ps(_mm256_cvtepi32_ps(s), scale));
     }
-    acrossRange(src, srcWidth, dst, j, w);
+    return j;
 }
 
 // Eight outputs down in the order cv::resize adds them, rounded to nearest even (the default
@@ -117,20 +115,44 @@ KX_AVX2_TARGET inline __m256i downSum8(float const *r0, float const *r1, float c
     return _mm256_cvtps_epi32(t);
 }
 
-// Down sixteen outputs at a time, then cv::resize's own tail through the portable loop.
-KX_AVX2_TARGET void downAvx2(float const *__restrict r0, float const *__restrict r1,
-                             float const *__restrict r2, float const *__restrict r3, int width,
-                             std::uint16_t *__restrict dst) {
-    int const vec = width - width % kVectorLanes;
-    int x = 0;
-    for (; x + 16 <= vec; x += 16) {
+// Down sixteen outputs at a time while below `end`; returns the first not done.
+KX_AVX2_TARGET int downAvx2(float const *__restrict r0, float const *__restrict r1,
+                            float const *__restrict r2, float const *__restrict r3, int x,
+                            int end, std::uint16_t *__restrict dst) {
+    for (; x + 16 <= end; x += 16) {
         __m256i const packed =
             _mm256_packus_epi32(downSum8(r0 + x, r1 + x, r2 + x, r3 + x),
                                 downSum8(r0 + x + 8, r1 + x + 8, r2 + x + 8, r3 + x + 8));
         _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + x),
                             _mm256_permute4x64_epi64(packed, 0xd8));
     }
-    down(r0 + x, r1 + x, r2 + x, r3 + x, width - x, dst + x);
+    return x;
+}
+
+KX_AVX512_TARGET inline __m512i downSum16(float const *r0, float const *r1, float const *r2,
+                                          float const *r3) {
+    __m512 const far = _mm512_set1_ps(kFarF), near = _mm512_set1_ps(kNearF);
+    __m512 t = _mm512_mul_ps(_mm512_loadu_ps(r3), far);
+    t = _mm512_add_ps(_mm512_mul_ps(_mm512_loadu_ps(r2), near), t);
+    t = _mm512_add_ps(_mm512_mul_ps(_mm512_loadu_ps(r1), near), t);
+    t = _mm512_add_ps(_mm512_mul_ps(_mm512_loadu_ps(r0), far), t);
+    return _mm512_maskz_cvtps_epi32(0xFFFF, t);
+}
+
+// Thirty-two outputs at a time; the conversion in its zero-masking form with every lane
+// kept, the same instruction without the undefined operand g++ 12 warns of. The pack
+// interleaves its halves by 128-bit quarters; the permute puts the quarters back in order.
+KX_AVX512_TARGET int downAvx512(float const *__restrict r0, float const *__restrict r1,
+                                float const *__restrict r2, float const *__restrict r3, int x,
+                                int end, std::uint16_t *__restrict dst) {
+    __m512i const order = _mm512_set_epi64(7, 5, 3, 1, 6, 4, 2, 0);
+    for (; x + 32 <= end; x += 32) {
+        __m512i const packed =
+            _mm512_packus_epi32(downSum16(r0 + x, r1 + x, r2 + x, r3 + x),
+                                downSum16(r0 + x + 16, r1 + x + 16, r2 + x + 16, r3 + x + 16));
+        _mm512_storeu_si512(dst + x, _mm512_maskz_permutexvar_epi64(0xFF, order, packed));
+    }
+    return x;
 }
 #endif
 
@@ -138,17 +160,29 @@ KX_AVX2_TARGET void downAvx2(float const *__restrict r0, float const *__restrict
 
 void pxHalveCubicAcross(std::uint16_t const *src, int srcWidth, float *dst) {
 #if KX_HAVE_AVX2_PATHS
-    if (kxHasAvx2()) return acrossAvx2(src, srcWidth, dst);
+    if (kxHasAvx2()) {
+        // The first and last outputs read replicated edges; those between read whole words.
+        int const w = srcWidth / 2;
+        acrossRange(src, srcWidth, dst, 0, 1);
+        int j = 1;
+        j = acrossAvx2(src, dst, j, w - 1);
+        return acrossRange(src, srcWidth, dst, j, w);
+    }
 #endif
     across(src, srcWidth, dst);
 }
 
 void pxHalveCubicDown(float const *r0, float const *r1, float const *r2, float const *r3, int width,
                       std::uint16_t *dst) {
+    int x = 0;
 #if KX_HAVE_AVX2_PATHS
-    if (kxHasAvx2()) return downAvx2(r0, r1, r2, r3, width, dst);
+    // The vector loops stop where cv::resize's own vector loop does; its tail adds in another
+    // order, which the portable loop keeps.
+    int const vec = width - width % kVectorLanes;
+    if (kxHasAvx512()) x = downAvx512(r0, r1, r2, r3, x, vec, dst);
+    if (kxHasAvx2()) x = downAvx2(r0, r1, r2, r3, x, vec, dst);
 #endif
-    down(r0, r1, r2, r3, width, dst);
+    down(r0 + x, r1 + x, r2 + x, r3 + x, width - x, dst + x);
 }
 
 void PxHalveRing::down(int i, int srcHeight, std::uint16_t *out) {
