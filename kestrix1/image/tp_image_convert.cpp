@@ -516,32 +516,41 @@ void differenceRows(Mat &Dr, Mat &Db, Mat const &Yh) {
 template <bool doubled, class RowOf>
 void fusedFrom(TPImage &im, RowOf rowOf) {
     int const W = im.width(), H = im.height(), w = W / 2, h = H / 2;
-    parallelBands(h, std::int64_t(W) * H * 4, [&](int i0, int i1) {
-        PxHalveRing ringY(w), ringR(w), ringB(w);
-        std::vector<u16> scratch(std::size_t(W) * 4);
-        u16 *const spareY = scratch.data() + std::size_t(W) * 3;
-        std::vector<u16> yHalf(w);
-        // The rows of Y that are this band's own; the rows read above and below it are
-        // made again in scratch, so no row is written by two threads.
-        int const own0 = 2 * i0, own1 = 2 * i1;
-        int next = pxHalveTap(i0, 0, H);
-        for (int i = i0; i < i1; ++i) {
-            for (int last = pxHalveTap(i, 3, H); next <= last; ++next) {
-                u16 const *rgb[3];
-                rowOf(next, scratch.data(), rgb);
-                u16 *y = next >= own0 && next < own1 ? im.m_Y.ptr<u16>(next) : spareY;
-                lumaOf<doubled>(rgb[0], rgb[1], rgb[2], y, W);
-                pxHalveCubicAcross(y, W, ringY.slot(next));
-                pxHalveCubicAcross(rgb[0], W, ringR.slot(next));
-                pxHalveCubicAcross(rgb[2], W, ringB.slot(next));
+    struct Scratch {
+        PxHalveRing ringY, ringR, ringB;
+        std::vector<u16> rows;  // R, G, B rows for rowOf, then a spare row of Y
+        std::vector<u16> yHalf;
+    };
+    // Runs of 32 output rows: each redoes about two input rows above and below itself.
+    parallelChunks(
+        h, 32, std::int64_t(W) * H * 4,
+        [&] {
+            return Scratch{PxHalveRing(w), PxHalveRing(w), PxHalveRing(w),
+                           std::vector<u16>(std::size_t(W) * 4), std::vector<u16>(w)};
+        },
+        [&](Scratch &s, int i0, int i1) {
+            u16 *const spareY = s.rows.data() + std::size_t(W) * 3;
+            // The rows of Y that are this run's own; the rows read above and below it are
+            // made again in scratch, so no row is written by two threads.
+            int const own0 = 2 * i0, own1 = 2 * i1;
+            int next = pxHalveTap(i0, 0, H);
+            for (int i = i0; i < i1; ++i) {
+                for (int last = pxHalveTap(i, 3, H); next <= last; ++next) {
+                    u16 const *rgb[3];
+                    rowOf(next, s.rows.data(), rgb);
+                    u16 *y = next >= own0 && next < own1 ? im.m_Y.ptr<u16>(next) : spareY;
+                    lumaOf<doubled>(rgb[0], rgb[1], rgb[2], y, W);
+                    pxHalveCubicAcross(y, W, s.ringY.slot(next));
+                    pxHalveCubicAcross(rgb[0], W, s.ringR.slot(next));
+                    pxHalveCubicAcross(rgb[2], W, s.ringB.slot(next));
+                }
+                u16 *dr = im.m_Dr.ptr<u16>(i), *db = im.m_Db.ptr<u16>(i);
+                s.ringY.down(i, H, s.yHalf.data());
+                s.ringR.down(i, H, dr);
+                s.ringB.down(i, H, db);
+                differenceRow<doubled>(dr, db, s.yHalf.data(), w);
             }
-            u16 *dr = im.m_Dr.ptr<u16>(i), *db = im.m_Db.ptr<u16>(i);
-            ringY.down(i, H, yHalf.data());
-            ringR.down(i, H, dr);
-            ringB.down(i, H, db);
-            differenceRow<doubled>(dr, db, yHalf.data(), w);
-        }
-    });
+        });
 }
 
 // The host's three planes as matrices over its memory. A stride of 0 means contiguous rows,

@@ -198,9 +198,10 @@ void noisePlanes(cv::Size size, int hi, cv::Mat rgb[3]) {
 
 TEST(TPImageConvert, ForwardPathsMatchThePlainReference) {
     // Odd sizes take the plain path; even ones the single walk down the rows, here with
-    // heights that split into bands on two threads and the smallest even plane.
+    // heights of one and of several runs of rows, and the smallest even plane.
     for (cv::Size size : {cv::Size(33, 17), cv::Size(5, 3), cv::Size(1, 7), cv::Size(8, 1),
-                          cv::Size(34, 18), cv::Size(2, 2), cv::Size(6, 44), cv::Size(2, 10)}) {
+                          cv::Size(34, 18), cv::Size(2, 2), cv::Size(6, 44), cv::Size(2, 10),
+                          cv::Size(70, 134)}) {
         SCOPED_TRACE(testing::Message() << size);
         cv::Mat rgb[3], Y, Dr, Db, y2;
         kxtest::forEachVectorPath([&] {
