@@ -70,7 +70,11 @@ public:
             std::string const name = r.run_name.function_name;
             std::size_t const slash = name.rfind('/');
             if (slash == std::string::npos) continue;
-            times_[name.substr(0, slash)][name.substr(slash + 1)] = r.GetAdjustedRealTime();
+            // With --benchmark_repetitions, the best run of each side: on a shared machine
+            // the slower runs measure the neighbours as much as the code.
+            double &best = times_[name.substr(0, slash)][name.substr(slash + 1)];
+            double const t = r.GetAdjustedRealTime();
+            if (best <= 0 || t < best) best = t;
             if (order_.empty() || order_.back() != name.substr(0, slash))
                 order_.push_back(name.substr(0, slash));
         }

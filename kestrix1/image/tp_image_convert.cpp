@@ -136,12 +136,30 @@ struct F32V {
     }
 };
 
+// Three rows a loop starts fetching while it works on its own: the next rows' first reads
+// would otherwise wait on memory, as the processor's prefetcher wakes only on their misses.
+// One line of each is asked for per 64 bytes of work, so the requests spread over the row.
+// Each row must be at least as long, in bytes, as the work's 16-bit row.
+struct Ahead {
+    char const *row[3];
+};
+
+inline Ahead aheadRows(void const *a, void const *b, void const *c) {
+    return {{static_cast<char const *>(a), static_cast<char const *>(b),
+             static_cast<char const *>(c)}};
+}
+
+// Where a loop without rows to fetch points its requests: at what it reads anyway.
+inline Ahead aheadOr(Ahead const *ahead, void const *here) {
+    return ahead ? *ahead : aheadRows(here, here, here);
+}
+
 // One row of a formula. A function of its own with restrict-qualified pointers (outputs never
 // overlap inputs), so that the compiler vectorises it without run-time overlap checks.
 template <class F, class Out>
 void formulaRow(u16 const *__restrict y, u16 const *__restrict dr, u16 const *__restrict db,
                 Out *__restrict r, Out *__restrict g, Out *__restrict b, int cols, F f,
-                bool /*stream*/ = false) {
+                bool /*stream*/ = false, Ahead const * /*ahead*/ = nullptr) {
     for (int x = 0; x < cols; ++x) {
         Px<Out> const p = f(y[x], dr[x], db[x]);
         r[x] = p.r;
@@ -204,9 +222,12 @@ KX_AVX2_TARGET inline __m256i green8(__m128i y, __m128i r, __m128i b) {
 // The 16-bit formula sixteen pixels at a time; returns the first pixel not done.
 KX_AVX2_TARGET int formulaRowAvx2(u16 const *__restrict y, u16 const *__restrict dr,
                                   u16 const *__restrict db, u16 *__restrict r, u16 *__restrict g,
-                                  u16 *__restrict b, int cols) {
+                                  u16 *__restrict b, int cols, Ahead const *ahead) {
+    Ahead const next = aheadOr(ahead, y);
     int x = 0;
     for (; x + 16 <= cols; x += 16) {
+        for (char const *row : next.row)
+            _mm_prefetch(row + 2 * x, _MM_HINT_T0);
         __m256i const Y = load16(y + x);
         __m256i const R = plusTwice16(Y, load16(dr + x)), B = plusTwice16(Y, load16(db + x));
         _mm256_storeu_si256(reinterpret_cast<__m256i *>(r + x), R);
@@ -219,7 +240,6 @@ KX_AVX2_TARGET int formulaRowAvx2(u16 const *__restrict y, u16 const *__restrict
     }
     return x;
 }
-#endif
 
 // y + 2 (d - 32768), saturated, thirty-two lanes at a time. One of up and down is 0; 2 up
 // is at most 65534, and 2 down saturates only from 65536, where y - 65535 and y - 65536
@@ -273,9 +293,13 @@ KX_AVX512_TARGET inline void store512(u16 *p, __m512i v) {
 template <bool stream>
 KX_AVX512_TARGET int formulaRowAvx512(u16 const *__restrict y, u16 const *__restrict dr,
                                       u16 const *__restrict db, u16 *__restrict r,
-                                      u16 *__restrict g, u16 *__restrict b, int cols) {
+                                      u16 *__restrict g, u16 *__restrict b, int cols,
+                                      Ahead const *ahead) {
+    Ahead const next = aheadOr(ahead, y);
     int x = 0;
     for (; x + 32 <= cols; x += 32) {
+        for (char const *row : next.row)
+            _mm_prefetch(row + 2 * x, _MM_HINT_T0);
         __m512i const Y = _mm512_loadu_si512(y + x);
         __m512i const R = plusTwice32(Y, _mm512_loadu_si512(dr + x));
         __m512i const B = plusTwice32(Y, _mm512_loadu_si512(db + x));
@@ -295,12 +319,14 @@ inline int alignedFrom(u16 const *r, u16 const *g, u16 const *b) {
     if (offset(r) != offset(g) || offset(r) != offset(b) || offset(r) % 2) return -1;
     return int((64 - offset(r)) % 64 / 2);
 }
+#endif
 
 // `stream` asks for stores that bypass the cache, for outputs too big to stay there: the
-// host's planes.
+// host's planes. `ahead`, if given, names rows to fetch while this one is worked on, each
+// at least 2 x cols bytes long.
 void formulaRow(u16 const *__restrict y, u16 const *__restrict dr, u16 const *__restrict db,
                 u16 *__restrict r, u16 *__restrict g, u16 *__restrict b, int cols, F16 f,
-                bool stream = false) {
+                bool stream = false, Ahead const *ahead = nullptr) {
     using namespace cv;
     int x = 0;
 #if KX_HAVE_AVX2_PATHS
@@ -308,12 +334,13 @@ void formulaRow(u16 const *__restrict y, u16 const *__restrict dr, u16 const *__
     if (kxHasAvx512() && lead >= 0 && lead < cols) {
         formulaRow<F16, u16>(y, dr, db, r, g, b, lead, f);
         x = lead + formulaRowAvx512<true>(y + lead, dr + lead, db + lead, r + lead, g + lead,
-                                          b + lead, cols - lead);
+                                          b + lead, cols - lead, ahead);
     } else if (kxHasAvx512()) {
-        x = formulaRowAvx512<false>(y, dr, db, r, g, b, cols);
+        x = formulaRowAvx512<false>(y, dr, db, r, g, b, cols, ahead);
     }
     if (kxHasAvx2())
-        x += formulaRowAvx2(y + x, dr + x, db + x, r + x, g + x, b + x, cols - x);
+        x += formulaRowAvx2(y + x, dr + x, db + x, r + x, g + x, b + x, cols - x,
+                            x == 0 ? ahead : nullptr);
 #endif
     for (; x + 8 <= cols; x += 8) {
         v_uint16x8 const Y = v_load(y + x);
@@ -374,9 +401,14 @@ void nearestChromaRows(Mat const &Y, Mat const &Dr, Mat const &Db, Mat rgb[3], F
         [&](Scratch &s, int y0, int y1) {
             u16 *const dst[2] = {s.chroma.data(), s.chroma.data() + W};
             for (int r = y0; r < y1; ++r) {
+                // Four rows on: the rows of the guide and the chroma that the enlargement
+                // reaches two rows from now, with margin. (2 W bytes of a chroma row cover
+                // it and the next.)
+                int const ry = std::min(r + 4, H - 1), rc = std::min(r / 2 + 3, Dr.rows - 1);
+                Ahead const ahead = aheadRows(Y.ptr<u16>(ry), Dr.ptr<u16>(rc), Db.ptr<u16>(rc));
                 s.rows.row(r, dst);
                 formulaRow(Y.ptr<u16>(r), dst[0], dst[1], rgb[0].ptr<Out>(r),
-                           rgb[1].ptr<Out>(r), rgb[2].ptr<Out>(r), W, f, stream);
+                           rgb[1].ptr<Out>(r), rgb[2].ptr<Out>(r), W, f, stream, &ahead);
             }
         });
 }
