@@ -173,16 +173,18 @@ KX_AVX512_TARGET int choose512(u16 const *t, Candidates<N> const &c, u16 *const 
     for (; j + 32 <= n; j += 32) {
         __m512i const tj = load512(t + j);
         __m512i best = absDiff512(load512(g[0] + j), tj);
-        __mmask32 take[4];
+        __m512i take[4];
         for (int m = 1; m < 4; ++m) {
             __m512i const d = absDiff512(load512(g[m] + j), tj);
-            take[m] = _mm512_cmplt_epu16_mask(d, best);
+            take[m] = _mm512_movm_epi16(_mm512_cmplt_epu16_mask(d, best));
             best = _mm512_min_epu16(best, d);
         }
+        // The selects as bitwise take ? candidate : r. Under a mask register the compiler
+        // folds them into masked loads, which wait on the register they merge into.
         for (int k = 0; k < N; ++k) {
             __m512i r = load512(v[0][k] + j);
             for (int m = 1; m < 4; ++m)
-                r = _mm512_mask_blend_epi16(take[m], r, load512(v[m][k] + j));
+                r = _mm512_ternarylogic_epi32(take[m], load512(v[m][k] + j), r, 0xCA);
             _mm512_storeu_si512(o[k] + j, r);
         }
     }
