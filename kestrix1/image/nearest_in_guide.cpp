@@ -254,8 +254,12 @@ void split(u16 const *row, u16 *even, u16 *odd, int W) {
         cv::v_store(odd + x / 2, o);
     }
 #endif
-    for (; x < W; ++x)
-        (x % 2 ? odd : even)[x / 2] = row[x];
+    for (; x < W; ++x) {
+        if (x % 2)
+            odd[x / 2] = row[x];
+        else
+            even[x / 2] = row[x];
+    }
 }
 
 // row[2j] = even[j] and row[2j + 1] = odd[j] for j below n.
