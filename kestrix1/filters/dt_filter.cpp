@@ -125,6 +125,35 @@ void domainPlanes(cv::Mat const &g, int chRun, float ratio, cv::Mat &dx, cv::Mat
     });
 }
 
+// The gradient sums of the vector form over all guides, into Sx and Sy (CV_32FC1, of the
+// guides' size): the values csum gives over the planes of diffx and diffy, added guide
+// after guide and channel after channel in the same order, with the differences taken on
+// the way, so that no plane of them is made on each call. The terms csum would add for the
+// zero last column (and last row of Sy) are left out: adding +0 to a sum of terms that are
+// never negative changes nothing.
+template <bool Square>
+void guideGradientSums(std::vector<cv::Mat> const &guides, cv::Mat &Sx, cv::Mat &Sy) {
+    int const rows = Sx.rows, cols = Sx.cols;
+    parallelRows(rows, std::int64_t(rows) * cols * std::int64_t(guides.size()), [&](int y) {
+        float *sx = Sx.ptr<float>(y);
+        float *sy = Sy.ptr<float>(y);
+        std::fill(sx, sx + cols, 0.0f);
+        std::fill(sy, sy + cols, 0.0f);
+        for (cv::Mat const &g : guides) {
+            int const ch = g.channels();
+            float const *a = g.ptr<float>(y);
+            for (int c = 0; c < ch; ++c)
+                for (int x = 0; x < cols - 1; ++x)
+                    sx[x] += gradientTerm<Square>(a[(x + 1) * ch + c] - a[x * ch + c]);
+            if (y == rows - 1) continue;
+            float const *b = g.ptr<float>(y + 1);
+            for (int c = 0; c < ch; ++c)
+                for (int x = 0; x < cols - 1; ++x)
+                    sy[x] += gradientTerm<Square>(b[x * ch + c] - a[x * ch + c]);
+        }
+    });
+}
+
 // S * ratio + 1, in place.
 void sumToDomain(cv::Mat &S, float ratio) {
     parallelRows(S.rows, std::int64_t(S.rows) * S.cols, [&](int y) {
@@ -688,13 +717,13 @@ void DTFilter::RF(cv::Mat const &in, cv::Mat &out, float sigmaS_, float sigmaR_,
 
 void DTFilter::RF(std::vector<cv::Mat> const &in, std::vector<cv::Mat> &out, float sigmaS_,
                   float sigmaR_, std::vector<cv::Mat> const &guides) {
-    {
-        std::vector<cv::Mat> d;
-        diffx(guides, d);
-        csum(d, m_dx, metric);
-        diffy(guides, d);
-        csum(d, m_dy, metric);
-    }
+    kxRequire(!guides.empty(), kNoGuides);
+    m_dx.create(guides[0].size(), CV_32FC1);
+    m_dy.create(guides[0].size(), CV_32FC1);
+    if (metric == L1)
+        guideGradientSums<false>(guides, m_dx, m_dy);
+    else
+        guideGradientSums<true>(guides, m_dx, m_dy);
     float const ratio = sigmaS_ / sigmaR_;
     sumToDomain(m_dx, ratio);
     sumToDomain(m_dy, ratio);

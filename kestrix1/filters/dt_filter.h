@@ -77,7 +77,8 @@ protected:
 
     // The recursive filter with N iterations and the compounding widths above.
     void RF(cv::Mat const &in, cv::Mat &out, float sigmaS, float sigmaR, int N);
-    // The vector form: numIter iterations, gradients from all guides.
+    // The vector form: numIter iterations, gradients from all guides (at least one, or it
+    // throws proc's "guides.empty()" text).
     void RF(std::vector<cv::Mat> const &in, std::vector<cv::Mat> &out, float sigmaS, float sigmaR,
             std::vector<cv::Mat> const &guides);
     // One horizontal, one vertical recursive pass with W = exp(D * (-sqrt(2) / sigma)):
