@@ -188,6 +188,12 @@ inline cv::v_int32x4 greenOf4(cv::v_uint32x4 y, cv::v_uint32x4 r, cv::v_uint32x4
 }
 
 #if KX_HAVE_AVX2_PATHS
+// The line `offset` bytes into each of the rows to fetch ahead.
+inline void fetchLines(Ahead const &next, std::ptrdiff_t offset) {
+    for (char const *row : next.row)
+        _mm_prefetch(row + offset, _MM_HINT_T0);
+}
+
 // y + 2 (d - 32768), saturated, sixteen lanes at a time, as plusTwice.
 KX_AVX2_TARGET inline __m256i plusTwice16(__m256i y, __m256i d) {
     __m256i const half = _mm256_set1_epi16(-32768);
@@ -226,8 +232,7 @@ KX_AVX2_TARGET int formulaRowAvx2(u16 const *__restrict y, u16 const *__restrict
     Ahead const next = aheadOr(ahead, y);
     int x = 0;
     for (; x + 16 <= cols; x += 16) {
-        for (char const *row : next.row)
-            _mm_prefetch(row + 2 * x, _MM_HINT_T0);
+        fetchLines(next, 2 * x);
         __m256i const Y = load16(y + x);
         __m256i const R = plusTwice16(Y, load16(dr + x)), B = plusTwice16(Y, load16(db + x));
         _mm256_storeu_si256(reinterpret_cast<__m256i *>(r + x), R);
@@ -298,8 +303,7 @@ KX_AVX512_TARGET int formulaRowAvx512(u16 const *__restrict y, u16 const *__rest
     Ahead const next = aheadOr(ahead, y);
     int x = 0;
     for (; x + 32 <= cols; x += 32) {
-        for (char const *row : next.row)
-            _mm_prefetch(row + 2 * x, _MM_HINT_T0);
+        fetchLines(next, 2 * x);
         __m512i const Y = _mm512_loadu_si512(y + x);
         __m512i const R = plusTwice32(Y, _mm512_loadu_si512(dr + x));
         __m512i const B = plusTwice32(Y, _mm512_loadu_si512(db + x));
