@@ -8,7 +8,8 @@ packages=(
   build-essential cmake pkg-config
   libopencv-dev libopencv-contrib-dev
   liblcms2-dev libsuitesparse-dev
-  libgtest-dev libbenchmark-dev
+  libgtest-dev libbenchmark-dev gcovr
+  libcli11-dev
 )
 
 missing=()

@@ -578,7 +578,9 @@ void TGFilter::gFc1_stripproc(cv::Mat const &I, cv::Mat const &p, cv::Mat &q, in
         cv::Mat qStrip = q(out);
         gFc1_blkGuide(I(in), p(in), qStrip, r, eps);
     });
-    // The frame of width 4r holds p unfiltered.
+    // The frame of width 4r holds p unfiltered; with r = 0 there is none, and copying its empty
+    // pieces would ask OpenCV to release a fixed-size view of q.
+    if (m == 0) return;
     p.rowRange(0, m).copyTo(q.rowRange(0, m));
     p.rowRange(rows - m, rows).copyTo(q.rowRange(rows - m, rows));
     p(cv::Rect(0, m, m, rows - 2 * m)).copyTo(q(cv::Rect(0, m, m, rows - 2 * m)));

@@ -399,11 +399,14 @@ TEST(TGFilterStripProc, MatchesBlockReferenceAcrossStrips) {
         TGFilter().stripProc(I, p, q, r, 0.01f);
         EXPECT_LT(maxDiff(q, stripReference(I, p, r, 0.01f)), 1e-5);
     }
-    // A frame that leaves no inner area: q is p.
-    cv::Mat const p = pattern(7, 30, 3);
-    cv::Mat q(p.size(), CV_32F);
+    // A frame that leaves no inner area, and r = 0 (a 1 x 1 window, a = 0, b = p, no frame
+    // and an empty last strip): q is p either way.
+    cv::Mat const p = pattern(7, 30, 3), p0 = pattern(10, 12, 4);
+    cv::Mat q(p.size(), CV_32F), q0(p0.size(), CV_32F, cv::Scalar(-1));
     TGFilter().stripProc(p, p, q, 2, 0.01f);
     EXPECT_EQ(maxDiff(q, p), 0);
+    TGFilter().stripProc(pattern(10, 12, 1), p0, q0, 0, 0.01f);
+    EXPECT_EQ(maxDiff(q0, p0), 0);
 }
 
 // The statistics helpers on replicate-padded planes, into a plain plane and into the inside
