@@ -1,93 +1,90 @@
 #include "cli/detail_command.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <chrono>
-#include <cstdio>
-#include <filesystem>
+#include <cmath>
+#include <cstring>
 #include <opencv2/imgproc.hpp>
 
 #include "cli/decompose.h"
-#include "cli/image_file.h"
 #include "kestrix1/effects/t_details3.h"
-#include "kestrix1/frame/t_progress.h"
 #include "kestrix1/image/tp_image.h"
-
-namespace fs = std::filesystem;
 
 namespace {
 
-// A one-line bar on stderr, redrawn in place whenever the whole percentage moves.
-struct ProgressBar {
-    bool shown = false;
-    int percent = -1;
+// The effect's amounts and thresholds reach full strength at +-1.5; the light and colour
+// settings are sensible well inside +-2.
+constexpr float kDetailLimit = 1.5f;
+constexpr float kLightLimit = 2.0f;
+constexpr int kMaxScale = 64;
 
-    static bool report(int thousandths, void *user) {
-        auto *bar = static_cast<ProgressBar *>(user);
-        int const p = std::min(100, std::max(0, thousandths / 10));
-        if (bar->shown && p != bar->percent) {
-            char line[40];
-            int const filled = p * 30 / 100;
-            for (int i = 0; i < 30; ++i)
-                line[i] = i < filled ? '#' : '.';
-            line[30] = '\0';
-            std::fprintf(stderr, "\rkestrix: [%s] %3d%%", line, p);
-            std::fflush(stderr);
-        }
-        bar->percent = p;
-        return true;
-    }
-
-    void finish() {
-        if (shown && percent >= 0) std::fputs("\n", stderr);
-    }
+struct Preset {
+    char const *name;
+    float amount[3][3];
+    float threshold[3][3];
+    float light[6];
+    float colorMix[3];
 };
 
-struct Stopwatch {
-    std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
-    double seconds() const {
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    }
+// The fine level gets a small dead zone (negative threshold) so that sensor noise is not
+// lifted with the texture; the shadow band of the coarser levels gets a little more, because
+// flat shadows gain most from local contrast; the light curve opens the shadows a touch and
+// holds the highlights so that the added contrast does not clip.
+Preset const kPresets[] = {
+    {"natural",
+     {{0.10f, 0.0f, 0.0f}, {0.14f, 0.05f, 0.0f}, {0.16f, 0.05f, 0.0f}},
+     {{-0.05f, 0.0f, 0.0f}, {0.0f, 0.0f, 0.0f}, {0.0f, 0.0f, 0.0f}},
+     {0.0f, 0.0f, -0.10f, 0.15f, 0.0f, 0.0f},
+     {0.0f, 0.0f, 0.0f}},
+    {"strong",
+     {{0.25f, 0.0f, 0.0f}, {0.35f, 0.10f, 0.0f}, {0.35f, 0.10f, 0.0f}},
+     {{-0.15f, 0.0f, 0.0f}, {0.0f, 0.0f, 0.0f}, {0.0f, 0.0f, 0.0f}},
+     {0.0f, 0.05f, -0.20f, 0.30f, 0.0f, 0.0f},
+     {0.0f, 0.0f, 0.0f}},
+    {"neutral", {}, {}, {}, {}},
 };
 
-void printTime(bool on, char const *label, Stopwatch const &watch) {
-    if (on) std::printf("%s%.3f s\n", label, watch.seconds());
-}
+char const kAbout[] =
+    "Brings out local contrast in a photograph at three scales and adjusts its light, the way "
+    "a photo editor's detail panel does. Reads an 8- or 16-bit PNG, TIFF or JPEG (grey, RGB or "
+    "RGB with alpha) and writes the same format at the same bit depth. Colour is kept: only the "
+    "luminance changes. An alpha channel is carried through untouched (cropped and scaled with "
+    "--roi and --scale). Grey images come out grey.\n"
+    "\n"
+    "With no INPUT the sample photograph built into kestrix is used. With no -o the result "
+    "goes to detail.png, detail.tif or detail.jpg in the current folder, after the input's "
+    "format. The output is written to a temporary file beside it and renamed, so a failed run "
+    "never leaves a partial file.\n"
+    "\n"
+    "Detail per scale: A = amount, S = extra amount in the shadows, M = extra amount in the "
+    "midtones, each -1.5 .. 1.5 (0 leaves the scale as it is, 1.5 is the most, negative values "
+    "soften). Thresholds: positive values protect small differences from the boost by a soft "
+    "step, negative values (a dead zone) drop them, which calms noise.";
 
-// Fills the working image through the library's own host-buffer conversions: packed 8-bit
-// blue, green, red, unused, or planar 16-bit red, green, blue.
-void fillImage(cv::Mat const &bgr, TPImage &image) {
-    if (bgr.depth() == CV_8U) {
-        cv::Mat bgra;
-        cv::cvtColor(bgr, bgra, cv::COLOR_BGR2BGRA);
-        image.convertFrom(bgra.ptr<unsigned char>(), bgra.cols, bgra.rows, int(bgra.step));
-    } else {
-        cv::Mat planes[3];
-        cv::split(bgr, planes);
-        unsigned short *rgb[3] = {planes[2].ptr<unsigned short>(), planes[1].ptr<unsigned short>(),
-                                  planes[0].ptr<unsigned short>()};
-        image.convertFrompRGB(rgb, bgr.cols, bgr.rows, int(planes[0].step));
-    }
-}
+char const kFooter[] =
+    "How the image is split (*): the luminance Y is smoothed three times in a row with the "
+    "library's edge-aware domain-transform filter (recursive form, three iterations each): "
+    "Y1 = DT(Y), Y2 = DT(Y1), Y3 = DT(Y2), with spatial sigmas of 2, 8 and 32 pixels times "
+    "sqrt(max(1, (width + height) / 1024)) and range sigmas of 25%, 15% and 10% of full scale, "
+    "so that strong edges stay in the coarser planes and do not halo. The base plane is Y3 and "
+    "the detail planes are the differences of neighbours, centred on 32768 in units of half a "
+    "luminance step:\n"
+    "  D0 = (Y - Y1) / 2 + 32768, D1 = (Y1 - Y2) / 2 + 32768, D2 = (Y2 - Y3) / 2 + 32768.\n"
+    "Each smoothed plane is rounded to the parity of Y, so that "
+    "Y3 + 2 (D0 + D1 + D2 - 3 * 32768) = Y holds exactly.\n"
+    "\n"
+    "Exit status: 0 done, 1 the image could not be read, processed or written, 2 the command "
+    "line is wrong.";
 
-// The way back, at the depth of the input.
-cv::Mat readImage(TPImage const &image, int depth) {
-    cv::Mat bgr;
-    if (depth == CV_8U) {
-        cv::Mat bgra(image.height(), image.width(), CV_8UC4);
-        image.convertTo(bgra.ptr<unsigned char>(), int(bgra.step));
-        cv::cvtColor(bgra, bgr, cv::COLOR_BGRA2BGR);
-    } else {
-        cv::Mat planes[3];
-        for (cv::Mat &p : planes)
-            p.create(image.height(), image.width(), CV_16UC1);
-        unsigned short *rgb[3] = {planes[2].ptr<unsigned short>(), planes[1].ptr<unsigned short>(),
-                                  planes[0].ptr<unsigned short>()};
-        image.convertTopRGB(rgb, int(planes[0].step));
-        cv::merge(planes, 3, bgr);
-    }
-    return bgr;
+void readRoi(DetailSettings &s, std::string const &value) {
+    std::vector<double> r;
+    bool ok = commaSeparated(value, r) && r.size() == 4;
+    for (std::size_t k = 0; ok && k < 4; ++k)
+        ok = r[k] == std::floor(r[k]) && r[k] >= (k < 2 ? 0 : 1) && r[k] <= 1 << 30;
+    if (!ok) badValue("--roi", value, "x,y,width,height with x, y >= 0 and width, height >= 1");
+    s.roiX = int(r[0]);
+    s.roiY = int(r[1]);
+    s.roiW = int(r[2]);
+    s.roiH = int(r[3]);
 }
 
 // The half-size chroma under a region of the full image: the half-size area that the region
@@ -103,83 +100,39 @@ cv::Mat chromaOfRegion(cv::Mat const &half, cv::Rect region, cv::Size result) {
     return out;
 }
 
-std::string resolveOutput(DetailOptions const &options, std::string const &input,
-                          ImageFormat format) {
-    std::string output = options.output;
-    if (output.empty()) {
-        output = std::string("detail") + formatExtension(format);
-    } else {
-        ImageFormat named;
-        if (!formatFromExtension(output, named) || named != format)
-            throw UsageError("output '" + output + "' must be a " + formatName(format) +
-                             " file like the input (extension " + formatExtension(format) + ")");
-    }
-    if (sameFile(output, input))
-        throw UsageError("output '" + output + "' is the input file; choose another with -o");
-    return output;
+// The area of the image that --roi and --scale ask for, and the result's size: a region
+// reaching past the image is cut at its edge, in whole result pixels.
+void region(DetailSettings const &s, cv::Size image, cv::Rect &area, cv::Size &result) {
+    area = cv::Rect(cv::Point(), image);
+    result = image;
+    if (!s.hasRoi() && s.scale == 1) return;
+    int const x = s.hasRoi() ? s.roiX : 0;
+    int const y = s.hasRoi() ? s.roiY : 0;
+    int const w = s.hasRoi() ? s.roiW : image.width;
+    int const h = s.hasRoi() ? s.roiH : image.height;
+    int const rw = x < image.width ? std::min(w, (image.width - x) / s.scale) : 0;
+    int const rh = y < image.height ? std::min(h, (image.height - y) / s.scale) : 0;
+    std::string const size = std::to_string(image.width) + " x " + std::to_string(image.height);
+    if ((rw < 1 || rh < 1) && !s.hasRoi())
+        throw UsageError("--scale " + std::to_string(s.scale) + " leaves nothing of the " + size +
+                         " image");
+    if (rw < 1 || rh < 1)
+        throw UsageError("the region " + std::to_string(x) + "," + std::to_string(y) + "," +
+                         std::to_string(w) + "," + std::to_string(h) + " at scale " +
+                         std::to_string(s.scale) + " lies outside the " + size + " image");
+    area = cv::Rect(x, y, rw * s.scale, rh * s.scale);
+    result = cv::Size(rw, rh);
 }
 
-}  // namespace
-
-std::string defaultPhotoPath() {
-    std::error_code ec;
-    fs::path const built(KESTRIX_DEFAULT_PHOTO);
-    if (fs::is_regular_file(built, ec)) return built.string();
-    fs::path const self = fs::read_symlink("/proc/self/exe", ec);
-    if (!ec) {
-        fs::path const installed =
-            self.parent_path().parent_path() / "share" / "kestrix1" / built.filename();
-        if (fs::is_regular_file(installed, ec)) return installed.string();
-    }
-    return {};
-}
-
-void runDetail(DetailOptions const &options) {
-    std::string input = options.input;
-    if (input.empty()) {
-        input = defaultPhotoPath();
-        if (input.empty())
-            throw FileError("no INPUT given and the sample photograph is not installed");
-    }
-    Photo photo = readPhoto(input);
-    std::string const output = resolveOutput(options, input, photo.format);
-
-    int const rows = photo.bgr.rows;
-    int const cols = photo.bgr.cols;
-    cv::Rect region(0, 0, cols, rows);
-    cv::Size result(cols, rows);
-    if (options.hasRoi() || options.scale != 1) {
-        int const x = options.hasRoi() ? options.roiX : 0;
-        int const y = options.hasRoi() ? options.roiY : 0;
-        int const w = options.hasRoi() ? options.roiW : cols;
-        int const h = options.hasRoi() ? options.roiH : rows;
-        // A region reaching past the image is cut at its edge, in whole result pixels.
-        int const rw = x < cols ? std::min(w, (cols - x) / options.scale) : 0;
-        int const rh = y < rows ? std::min(h, (rows - y) / options.scale) : 0;
-        if ((rw < 1 || rh < 1) && !options.hasRoi())
-            throw UsageError("--scale " + std::to_string(options.scale) +
-                             " leaves nothing of the " + std::to_string(cols) + " x " +
-                             std::to_string(rows) + " image");
-        if (rw < 1 || rh < 1)
-            throw UsageError("the region " + std::to_string(x) + "," + std::to_string(y) + "," +
-                             std::to_string(w) + "," + std::to_string(h) + " at scale " +
-                             std::to_string(options.scale) + " lies outside the " +
-                             std::to_string(cols) + " x " + std::to_string(rows) + " image");
-        region = cv::Rect(x, y, rw * options.scale, rh * options.scale);
-        result = cv::Size(rw, rh);
-    }
-    int const procScale = options.scale;
-
-    ProgressBar bar;
-    bar.shown = !options.quiet && ::isatty(STDERR_FILENO);
-    TProgress progress(&ProgressBar::report, &bar);
-    struct BarEnd {
-        ProgressBar &bar;
-        ~BarEnd() { bar.finish(); }
-    } barEnd{bar};
+void runDetail(DetailSettings const &s, Job &job) {
+    Photo &photo = job.photo();
+    cv::Rect area;
+    cv::Size result;
+    region(s, photo.bgr.size(), area, result);
 
     TPImage image;
-    fillImage(photo.bgr, image);
+    job.fill(image);
+    TProgress &progress = *job.progress();
 
     // The split takes the first third of the bar, the effect's setup the rest.
     Stopwatch watch;
@@ -187,7 +140,7 @@ void runDetail(DetailOptions const &options) {
     progress.start(0.3f);
     if (!decompose(image.m_Y, planes, &progress)) throw FileError("cancelled");
     progress.end();
-    printTime(options.time, "time to decompose: ", watch);
+    job.time("time to decompose: ", watch);
 
     TDetails3 effect;
     watch = Stopwatch();
@@ -196,48 +149,121 @@ void runDetail(DetailOptions const &options) {
                       image.m_Db, &progress))
         throw FileError("cancelled");
     progress.end();
-    printTime(options.time, "time to setup: ", watch);
+    job.time("time to setup: ", watch);
 
-    for (int n = 0; n < 3; ++n) {
-        for (int k = 0; k < 3; ++k) {
-            effect.detailAmount[n][k] = options.amount[n][k];
-            effect.detailThreshold[n][k] = options.threshold[n][k];
-        }
-    }
-    std::copy(options.light, options.light + 6, effect.lightParam);
-    std::copy(options.colorMix, options.colorMix + 3, effect.colorMix);
+    std::memcpy(effect.detailAmount, s.amount, sizeof s.amount);
+    std::memcpy(effect.detailThreshold, s.threshold, sizeof s.threshold);
+    std::copy(s.light, s.light + 6, effect.lightParam);
+    std::copy(s.colorMix, s.colorMix + 3, effect.colorMix);
     effect.baseDirty = true;
     std::fill(effect.levelDirty, effect.levelDirty + 3, true);
 
-    cv::Rect_<int> const roi(region.x, region.y, result.width, result.height);
+    cv::Rect_<int> const roi(area.x, area.y, result.width, result.height);
     watch = Stopwatch();
-    effect.proc(roi, procScale, cv::Mat());
-    printTime(options.time, "time to proc: ", watch);
-    if (options.time) {
+    effect.proc(roi, s.scale, cv::Mat());
+    job.time("time to proc: ", watch);
+    if (job.timing()) {
         // What a slider on one level costs once the rest is cached; the result is the same.
         effect.levelDirty[0] = true;
         watch = Stopwatch();
-        effect.proc(roi, procScale, cv::Mat());
-        printTime(true, "time to proc after a change of the fine level: ", watch);
+        effect.proc(roi, s.scale, cv::Mat());
+        job.time("time to proc after a change of the fine level: ", watch);
         watch = Stopwatch();
-        effect.proc(roi, procScale, cv::Mat());
-        printTime(true, "time to proc with nothing changed: ", watch);
+        effect.proc(roi, s.scale, cv::Mat());
+        job.time("time to proc with nothing changed: ", watch);
     }
 
     cv::Mat const &y = effect.getRoiY();
-    if (region.size() == image.m_Y.size()) {
+    if (area.size() == image.m_Y.size()) {
         image.m_Y = y;
     } else {
         TPImage part(result.width, result.height);
         part.m_Y = y;
-        part.m_Dr = chromaOfRegion(image.m_Dr, region, result);
-        part.m_Db = chromaOfRegion(image.m_Db, region, result);
+        part.m_Dr = chromaOfRegion(image.m_Dr, area, result);
+        part.m_Db = chromaOfRegion(image.m_Db, area, result);
         image = part;
         if (!photo.alpha.empty())
-            photo.alpha = TPImage::MatRoi(photo.alpha, region.x, region.y, result.width,
-                                          result.height, procScale, false, false);
+            photo.alpha = TPImage::MatRoi(photo.alpha, area.x, area.y, result.width, result.height,
+                                          s.scale, false, false);
     }
-    photo.bgr = readImage(image, photo.bgr.depth());
-    progress.done();
-    writePhoto(output, photo);
+    job.finish(image);
 }
+
+}  // namespace
+
+void applyPreset(DetailSettings &settings, std::string const &name) {
+    for (Preset const &p : kPresets) {
+        if (name != p.name) continue;
+        std::memcpy(settings.amount, p.amount, sizeof settings.amount);
+        std::memcpy(settings.threshold, p.threshold, sizeof settings.threshold);
+        std::memcpy(settings.light, p.light, sizeof settings.light);
+        std::memcpy(settings.colorMix, p.colorMix, sizeof settings.colorMix);
+        settings.preset = name;
+        return;
+    }
+    badValue("--preset", name, "natural, strong or neutral");
+}
+
+void addDetailOptions(CLI::App &app, DetailSettings &s) {
+    applyPreset(s, "natural");
+    // Options are read in the order they are added here: the preset first, --light before
+    // the single light settings.
+    addValue(app, "--preset", "NAME",
+             "natural (default): clear, moderate local contrast, shadows opened a little; "
+             "strong: more of the same; neutral: every setting 0, which gives back the input up "
+             "to rounding. Applied first; the settings below change single values on top of it.",
+             [&s](std::string const &v) { applyPreset(s, v); })
+        ->group("Preset");
+
+    char const *const levels[3] = {"fine", "medium", "coarse"};
+    char const *const levelHelp[3] = {"texture: an edge-aware scale of about 2 pixels (*)",
+                                      "structure: about 8 pixels (*)",
+                                      "local contrast: about 32 pixels (*)"};
+    for (int n = 0; n < 3; ++n)
+        addNumbers(app, std::string("--") + levels[n], "A[,S,M]", levelHelp[n], s.amount[n], 1, 3,
+                   -kDetailLimit, kDetailLimit)
+            ->group("Detail per scale");
+    for (int n = 0; n < 3; ++n)
+        addNumbers(app, std::string("--") + levels[n] + "-threshold", "T[,S,M]",
+                   std::string("threshold of the ") + levels[n] + " scale", s.threshold[n], 1, 3,
+                   -kDetailLimit, kDetailLimit)
+            ->group("Detail per scale");
+
+    addNumbers(app, "--light", "E,C,H,S,W,B", "the six settings below at once, in this order",
+               s.light, 6, 6, -kLightLimit, kLightLimit)
+        ->group("Light, each -2 .. 2, 0 neutral");
+    struct Light {
+        char const *name, *help;
+    } const lights[6] = {{"--exposure", "brighter (positive) or darker overall"},
+                         {"--contrast", "global contrast of the tone curve"},
+                         {"--highlights", "lifts (positive) or holds back the upper tones"},
+                         {"--shadows", "lifts (positive) or deepens the lower tones"},
+                         {"--whites", "moves the white end of the tone curve"},
+                         {"--blacks", "moves the black end of the tone curve"}};
+    for (int k = 0; k < 6; ++k)
+        addNumbers(app, lights[k].name, "V", lights[k].help, &s.light[k], 1, 1, -kLightLimit,
+                   kLightLimit)
+            ->group("Light, each -2 .. 2, 0 neutral");
+
+    addNumbers(app, "--color-mix", "R,N,B",
+               "luminance mix by colour, each -2 .. 2: positive R brightens reds, positive B "
+               "brightens blues, positive N darkens both (brightens greens); 0,0,0 leaves "
+               "luminance alone",
+               s.colorMix, 3, 3, -kLightLimit, kLightLimit)
+        ->group("Colour");
+
+    addValue(app, "--roi", "X,Y,W,H",
+             "render only the region at (X, Y) of the full image, W x H result pixels; the "
+             "output then has the region's size",
+             [&s](std::string const &v) { readRoi(s, v); })
+        ->group("Preview of a region");
+    addWhole(app, "--scale", "N",
+             "zoom-out 1 .. 64: the region covers N*W x N*H image pixels, reduced by N (clipped "
+             "at the image's edge)",
+             s.scale, 1, kMaxScale)
+        ->group("Preview of a region");
+}
+
+Command const detailCommand = commandOf<DetailSettings>(
+    "detail", "bring out local contrast at three scales and adjust the light", kAbout, kFooter,
+    addDetailOptions, runDetail);

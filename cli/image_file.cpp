@@ -157,8 +157,10 @@ Photo readPhoto(std::string const &path) {
     std::error_code ec;
     if (fs::is_directory(path, ec))
         throw FileError("cannot read " + quoted(path) + ": it is a folder");
-    std::vector<unsigned char> const bytes = readBytes(path);
+    return decodePhoto(readBytes(path), path);
+}
 
+Photo decodePhoto(std::vector<unsigned char> const &bytes, std::string const &path) {
     Photo photo;
     if (!sniff(bytes, photo.format))
         throw FileError(quoted(path) + " is not a PNG, TIFF or JPEG image");

@@ -6,6 +6,7 @@
 #include <opencv2/core.hpp>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 // A failure the user can act on; the message is one line, the exit status 1.
 struct FileError : std::runtime_error {
@@ -33,6 +34,12 @@ struct Photo {
 // for a file that is missing or unreadable, of another format, corrupt, or of a depth other
 // than 8 or 16 bits.
 Photo readPhoto(std::string const &path);
+
+// The same for the bytes of a file; `path` names it in messages.
+Photo decodePhoto(std::vector<unsigned char> const &bytes, std::string const &path);
+
+// The bytes of the sample photograph built into the program (a PNG).
+std::vector<unsigned char> samplePhoto();
 
 // Encodes `photo` in its format and bit depth and puts it at `path` through a temporary file
 // in the same folder and a rename. Throws FileError; on failure nothing is left behind.

@@ -117,4 +117,10 @@ for exe in "$work/host-cmake/kestrix1_host" "$work/host-pkgconfig"; do
     fail "$(basename "$exe") does not load $libdir/libkestrix1.so.1"
 done
 
+# The installed program needs no file beside it: the sample photograph is built in.
+echo "install-check: running the installed kestrix"
+(cd "$work" && "$prefix/bin/kestrix" detail -q -o "$work/detail.png") ||
+  fail "the installed kestrix detail did not run"
+[ -s "$work/detail.png" ] || fail "the installed kestrix detail wrote nothing"
+
 echo "install-check: OK"
