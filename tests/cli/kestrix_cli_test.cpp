@@ -26,7 +26,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// A fresh folder per test, removed afterwards.
 struct TempDir {
     fs::path path;
     TempDir() {
@@ -80,8 +79,7 @@ cv::Mat photo(std::string const &name) {
     return cv::imread(std::string(KX_DATA_DIR) + "/" + name, cv::IMREAD_UNCHANGED);
 }
 
-// A crop keeps the runs fast, also under the sanitizers; odd sizes exercise the half-size
-// chroma planes.
+// Small odd-sized crops: fast under the sanitizers, and the chroma planes round up.
 cv::Mat crop(cv::Mat const &m, int w = 161, int h = 123) {
     return m(cv::Rect(m.cols / 4, m.rows / 4, w, h)).clone();
 }
@@ -122,8 +120,7 @@ cv::Mat luminance(std::string const &name) {
     return grey;
 }
 
-// The conversions alone, as a host makes them: into the working image and straight back
-// (packed 8-bit, or planar 16-bit).
+// Into the working image and straight back, as a host converts (packed 8-bit, planar 16-bit).
 cv::Mat roundTrip(cv::Mat const &bgr) {
     TPImage image;
     cv::Mat out;
@@ -234,11 +231,10 @@ TEST(KestrixOptions, PresetFirstThenSingleSettingsWhateverTheOrder) {
         parseDetail({"--fine", "0.5", "--preset=neutral", "--coarse-threshold", "-0.2,0.1,0.3",
                      "--shadows=0.25", "--light", "1,2,-1,0.5,0,0", "--color-mix", "0.1,0,-0.1",
                      "--roi", "1,2,30,40", "--scale", "3", "--scale", "4"});
-    EXPECT_EQ(o.preset, "neutral");
     float const amount[9] = {0.5f, 0, 0, 0, 0, 0, 0, 0, 0};
     float const threshold[9] = {0, 0, 0, 0, 0, 0, -0.2f, 0.1f, 0.3f};
     float const light[6] = {1, 2, -1, 0.25f, 0, 0};  // a single setting wins over --light
-    EXPECT_TRUE(std::equal(amount, amount + 9, &o.amount[0][0]));
+    EXPECT_TRUE(o.preset == "neutral" && std::equal(amount, amount + 9, &o.amount[0][0]));
     EXPECT_TRUE(std::equal(threshold, threshold + 9, &o.threshold[0][0]));
     EXPECT_TRUE(std::equal(light, light + 6, o.light));
     EXPECT_FLOAT_EQ(o.colorMix[2], -0.1f);
@@ -247,12 +243,9 @@ TEST(KestrixOptions, PresetFirstThenSingleSettingsWhateverTheOrder) {
 
     // The default preset, and a level given its base amount only: its bands become 0.
     DetailSettings const natural = parseDetail({"--medium", "0.3"});
-    EXPECT_EQ(natural.preset, "natural");
-    EXPECT_FLOAT_EQ(natural.amount[0][0], 0.10f);
-    EXPECT_FLOAT_EQ(natural.amount[2][1], 0.05f);
-    EXPECT_FLOAT_EQ(natural.amount[1][0], 0.3f);
-    EXPECT_FLOAT_EQ(natural.amount[1][1], 0.0f);
-    EXPECT_FLOAT_EQ(natural.light[3], 0.15f);
+    float const natural1[3] = {0.3f, 0, 0};
+    EXPECT_TRUE(std::equal(natural1, natural1 + 3, natural.amount[1]));
+    EXPECT_TRUE(natural.amount[0][0] == 0.10f && natural.amount[2][1] == 0.05f);
 }
 
 TEST(KestrixOptions, BadValuesAreOneLineUsageErrors) {
@@ -292,14 +285,9 @@ TEST(KestrixOptions, BadValuesAreOneLineUsageErrors) {
 
 // ---- the program ---------------------------------------------------------------------------
 
-// Neutral settings give the input back up to the conversions. Against the conversions alone
-// (into the working image and straight back), the program's luminance differs by at most one
-// 8-bit level, or 12 in 16 bits: the split reconstructs Y exactly, and the neutral light table
-// is the identity up to its float arithmetic, which lowers Y by 7 to 8 sixteen-bit units.
-// Single channels can differ more where the colour enlargement, which picks neighbours by
-// luminance, tips the other way at a colour edge; on average they differ by less than half
-// an 8-bit level (0.05 of one in 16 bits). A JPEG photograph is checked through lossless
-// copies, so that its own loss does not hide the effect's.
+// Neutral settings give back what the conversions alone give: luminance within one 8-bit level
+// (12 in 16 bits, from the neutral light table's float arithmetic), single channels within half
+// a level on average (the colour enlargement may tip the other way at a colour edge).
 TEST(KestrixProgram, NeutralPresetGivesTheInputBack) {
     TempDir dir;
     int index = 0;
@@ -323,30 +311,6 @@ TEST(KestrixProgram, NeutralPresetGivesTheInputBack) {
             EXPECT_LT(meanAbsDiff(reference, in), 2.0 * unit) << what;
         }
     }
-}
-
-// The plain command visibly changes the built-in photograph, keeps its size, depth and format,
-// and writes detail.png in the current folder; 16 bits stay 16 bits and a JPEG stays a JPEG.
-TEST(KestrixProgram, DefaultPresetChangesThePhotograph) {
-    TempDir dir;
-    Outcome const r = kestrix(dir.path, {"detail"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    ASSERT_EQ(dir.files(), std::set<std::string>{"detail.png"});
-    cv::Mat const sample = photo("coffee.png");
-    cv::Mat const got = cv::imread(dir / "detail.png", cv::IMREAD_UNCHANGED);
-    ASSERT_EQ(got.type(), sample.type());
-    ASSERT_EQ(got.size(), sample.size());
-    EXPECT_GT(meanAbsDiff(got, sample), 2.0);
-    EXPECT_LT(meanAbsDiff(got, sample), 25.0);
-
-    ASSERT_TRUE(cv::imwrite(dir / "in16.png", to16(crop(sample))));
-    ASSERT_EQ(kestrix(dir.path, {"detail", "in16.png", "-o", "out16.png", "-q"}).status, 0);
-    cv::Mat const out16 = cv::imread(dir / "out16.png", cv::IMREAD_UNCHANGED);
-    ASSERT_EQ(out16.type(), CV_16UC3);
-    EXPECT_GT(meanAbsDiff(out16, to16(crop(sample))), 2.0 * 257);
-    fs::copy_file(std::string(KX_DATA_DIR) + "/rocket.jpg", dir / "rocket.jpg");
-    ASSERT_EQ(kestrix(dir.path, {"detail", "rocket.jpg"}).status, 0);
-    EXPECT_TRUE(fs::exists(dir / "detail.jpg"));
 }
 
 // A region at a zoom-out gives an output of the region's size, cut at the image's edge, with
@@ -459,9 +423,11 @@ TEST(KestrixProgram, BadInputFailsCleanly) {
     EXPECT_EQ(slurp(dir / "ok.png"), png);
 }
 
-// Help lists the commands and a command's options, with the how-to of the split; --time
-// prints its lines on stdout, and nothing else is printed when stderr is no terminal.
-TEST(KestrixProgram, HelpVersionAndTime) {
+// Help lists the commands, and a command's options with the how-to of the split. The plain
+// command visibly changes the built-in photograph into detail.png of the same size and depth,
+// --time prints its lines on stdout and nothing else is printed when stderr is no terminal;
+// 16 bits stay 16 bits and a JPEG stays a JPEG.
+TEST(KestrixProgram, HelpVersionAndDefaults) {
     TempDir dir;
     Outcome const top = kestrix(dir.path, {"--help"});
     EXPECT_EQ(top.status, 0);
@@ -483,12 +449,28 @@ TEST(KestrixProgram, HelpVersionAndTime) {
     EXPECT_EQ(version.out, std::string("kestrix ") + KESTRIX_VERSION + "\n");
     EXPECT_TRUE(dir.files().empty());
 
-    Outcome const timed = kestrix(dir.path, {"detail", "--time", "-o", "t.png"});
-    EXPECT_EQ(timed.status, 0);
+    Outcome const timed = kestrix(dir.path, {"detail", "--time"});
+    ASSERT_EQ(timed.status, 0);
     EXPECT_EQ(timed.err, "");
     for (char const *label : {"time to decompose: ", "time to setup: ", "time to proc: ",
                               "time to proc with nothing changed: "})
         EXPECT_NE(timed.out.find(label), std::string::npos) << label;
+    ASSERT_EQ(dir.files(), std::set<std::string>{"detail.png"});
+    cv::Mat const sample = photo("coffee.png");
+    cv::Mat const got = cv::imread(dir / "detail.png", cv::IMREAD_UNCHANGED);
+    ASSERT_EQ(got.type(), sample.type());
+    ASSERT_EQ(got.size(), sample.size());
+    EXPECT_GT(meanAbsDiff(got, sample), 2.0);
+    EXPECT_LT(meanAbsDiff(got, sample), 25.0);
+
+    ASSERT_TRUE(cv::imwrite(dir / "in16.png", to16(crop(sample))));
+    ASSERT_EQ(kestrix(dir.path, {"detail", "in16.png", "-o", "out16.png", "-q"}).status, 0);
+    cv::Mat const out16 = cv::imread(dir / "out16.png", cv::IMREAD_UNCHANGED);
+    ASSERT_EQ(out16.type(), CV_16UC3);
+    EXPECT_GT(meanAbsDiff(out16, to16(crop(sample))), 2.0 * 257);
+    fs::copy_file(std::string(KX_DATA_DIR) + "/rocket.jpg", dir / "rocket.jpg");
+    ASSERT_EQ(kestrix(dir.path, {"detail", "rocket.jpg"}).status, 0);
+    EXPECT_TRUE(fs::exists(dir / "detail.jpg"));
 }
 
 }  // namespace
