@@ -20,14 +20,27 @@ struct Host {
 
 }  // namespace
 
-TEST(TProgress, StartsWithOneStageOfOneHundredSteps) {
-    TProgress p;
+TEST(TProgress, StartsWithOneStageOfOneHundredStepsAndDoneReportsFull) {
+    TProgress const none;
+    EXPECT_TRUE(none.m_callback_p == nullptr && none.m_user_p == nullptr);
+    Host host;
+    TProgress p(&Host::callback, &host);
     EXPECT_EQ(p.m_fractions, std::vector<float>{1.0f});
     EXPECT_EQ(p.m_totals, std::vector<int>{100});
     EXPECT_EQ(p.m_counts, std::vector<int>{0});
-    EXPECT_EQ(p.m_callback_p, nullptr);
-    EXPECT_EQ(p.m_user_p, nullptr);
-    EXPECT_TRUE(p.prog());  // no host, nothing to cancel
+    p.start(0.25f);
+    p.start(0.5f);
+    p.prog(3, 10);
+    host.seen.clear();
+    p.done();  // whatever stages were open
+    EXPECT_EQ(host.seen, std::vector<int>{1000});
+    EXPECT_EQ(p.m_counts, std::vector<int>{100});
+    EXPECT_EQ(p.m_totals, std::vector<int>{100});
+    p.start(0.5f);
+    p.reset();  // without reporting
+    EXPECT_EQ(host.seen.size(), 1u);
+    EXPECT_EQ(p.m_fractions, std::vector<float>{1.0f});
+    EXPECT_EQ(p.m_counts, std::vector<int>{0});
 }
 
 TEST(TProgress, ReportsThousandthsOfTheStageStack) {
@@ -35,7 +48,7 @@ TEST(TProgress, ReportsThousandthsOfTheStageStack) {
     TProgress p(&Host::callback, &host);
     EXPECT_TRUE(p.prog(25, 100));
     p.start(0.5f);
-    EXPECT_TRUE(p.prog(50, 100));  // a quarter + half of a half
+    EXPECT_TRUE(p.prog(50, 100));       // a quarter + half of a half
     EXPECT_EQ(p.m_counts.front(), 25);  // the parent's count stays while a child runs
     p.start(0.5f);
     EXPECT_TRUE(p.prog(1, 4));  // + a quarter of a quarter
@@ -50,10 +63,8 @@ TEST(TProgress, EndAdvancesTheParentByTheChildsShare) {
     p.prog(100, 100);
     EXPECT_TRUE(p.end());
     EXPECT_EQ(p.m_counts, std::vector<int>{50});
-    EXPECT_EQ(p.m_totals, std::vector<int>{100});
     EXPECT_EQ(p.m_fractions.size(), 1u);
     EXPECT_EQ(host.seen.back(), 500);
-
     // Nested: a third of a third adds trunc(count + total x fraction) at each level.
     p.start(1.0f / 3.0f);
     p.start(0.5f);
@@ -62,6 +73,12 @@ TEST(TProgress, EndAdvancesTheParentByTheChildsShare) {
     p.end();  // 50 + trunc(100 / 3) = 83
     EXPECT_EQ(p.m_counts, std::vector<int>{83});
     EXPECT_EQ(host.seen.back(), 830);
+    // Closing the only stage reports 0; on the empty stack nothing happens.
+    host.seen.clear();
+    p.end();
+    EXPECT_TRUE(p.m_totals.empty());
+    EXPECT_TRUE(p.end());
+    EXPECT_EQ(host.seen, std::vector<int>{0});
 }
 
 TEST(TProgress, OverrunStretchesTheTotal) {
@@ -82,51 +99,19 @@ TEST(TProgress, OverrunStretchesTheTotal) {
     EXPECT_EQ(host.seen.back(), 1000);  // 2.0 overall is capped
 }
 
-TEST(TProgress, NullUserPointerNeverCallsBack) {
+TEST(TProgress, HostCancelsByAnsweringFalseUnlessTheUserPointerIsNull) {
     Host host;
-    TProgress p(&Host::callback, nullptr);
     host.answer = false;
-    EXPECT_TRUE(p.prog());
-    EXPECT_TRUE(p.prog(50, 100));
-    p.done();
+    TProgress silent(&Host::callback, nullptr);
+    EXPECT_TRUE(silent.prog());
+    EXPECT_TRUE(silent.prog(50, 100));
+    silent.done();
     EXPECT_TRUE(host.seen.empty());
-}
-
-TEST(TProgress, HostCancelsByAnsweringFalseEachTime) {
-    Host host;
-    host.answer = false;
+    EXPECT_TRUE(TProgress().prog());  // no host, nothing to cancel
     TProgress p(&Host::callback, &host);
     EXPECT_FALSE(p.prog());
     EXPECT_FALSE(p.prog());  // no state remembers the cancel: the host is asked again
     EXPECT_EQ(host.seen.size(), 2u);
     p.start(0.5f);
     EXPECT_FALSE(p.end());
-}
-
-TEST(TProgress, DoneReportsFullAndResetReportsNothing) {
-    Host host;
-    TProgress p(&Host::callback, &host);
-    p.start(0.25f);
-    p.start(0.5f);
-    p.prog(3, 10);
-    host.seen.clear();
-    p.done();
-    EXPECT_EQ(host.seen, std::vector<int>{1000});
-    EXPECT_EQ(p.m_counts, std::vector<int>{100});
-    EXPECT_EQ(p.m_totals, std::vector<int>{100});
-
-    p.start(0.5f);
-    p.reset();
-    EXPECT_EQ(host.seen.size(), 1u);
-    EXPECT_EQ(p.m_fractions, std::vector<float>{1.0f});
-    EXPECT_EQ(p.m_counts, std::vector<int>{0});
-}
-
-TEST(TProgress, EndOnAnEmptyStackDoesNothing) {
-    Host host;
-    TProgress p(&Host::callback, &host);
-    p.end();  // closes the only stage; the host sees 0
-    EXPECT_TRUE(p.m_totals.empty());
-    EXPECT_TRUE(p.end());
-    EXPECT_EQ(host.seen, std::vector<int>{0});
 }

@@ -11,8 +11,6 @@ namespace {
 
 using kxtest::PaddedMat;
 
-int const kWidths[] = {1, 7, 33, 4099};
-
 // A float region of values in [lo, hi) with `extra` bytes after each row, so that operands
 // have different steps.
 PaddedMat floats(int rows, int cols, std::uint64_t seed, double lo, double hi, int extra) {
@@ -26,18 +24,16 @@ using BinaryInPlace = PxStatus (*)(float const *, int, float *, int, IppiSize);
 
 TEST(PxArithmetic, BinaryOperationsTakeOperandsInOrder) {
     struct {
-        char const *name;
         Binary outOfPlace;
         BinaryInPlace inPlace;
         float (*op)(float a, float b);  // for source a and second operand b
-    } const cases[] = {
-        {"add", pxAdd, pxAdd, [](float a, float b) { return a + b; }},
-        {"sub", pxSub, pxSub, [](float a, float b) { return b - a; }},
-        {"mul", pxMul, pxMul, [](float a, float b) { return a * b; }},
-        {"div", pxDiv, pxDiv, [](float a, float b) { return b / a; }},
-    };
+    } const cases[] = {{pxAdd, pxAdd, [](float a, float b) { return a + b; }},
+                       {pxSub, pxSub, [](float a, float b) { return b - a; }},
+                       {pxMul, pxMul, [](float a, float b) { return a * b; }},
+                       {pxDiv, pxDiv, [](float a, float b) { return b / a; }}};
     for (auto const &c : cases)
-        for (int w : kWidths) {
+        for (int w : kxtest::kAwkwardWidths) {
+            SCOPED_TRACE(::testing::Message() << "operation " << &c - cases << " width " << w);
             // Operands of both signs, and a source without zeros for the divisions.
             PaddedMat a = floats(3, w, w, 0.5, 4.0, 24), b = floats(3, w, w + 1, -8.0, 8.0, 8);
             PaddedMat dst(3, w, CV_32F, 40);
@@ -45,22 +41,21 @@ TEST(PxArithmetic, BinaryOperationsTakeOperandsInOrder) {
             ASSERT_EQ(c.outOfPlace(a.ptr<float>(), a.step(), b.ptr<float>(), b.step(),
                                    dst.ptr<float>(), dst.step(), {w, 3}),
                       pxStsNoErr);
-            EXPECT_TRUE(dst.paddingIntact()) << c.name;
             int wrong = 0;
             for (int i = 0; i < 3 * w; ++i)
                 wrong += dst.view.at<float>(i / w, i % w) !=
                          c.op(a0.at<float>(i / w, i % w), b0.at<float>(i / w, i % w));
-            EXPECT_EQ(wrong, 0) << c.name << " on width " << w;
+            EXPECT_EQ(wrong, 0);
             // The in-place form overwrites the second operand and leaves the source.
             ASSERT_EQ(c.inPlace(a.ptr<float>(), a.step(), b.ptr<float>(), b.step(), {w, 3}), 0);
-            EXPECT_TRUE(b.paddingIntact()) << c.name;
-            EXPECT_EQ(cv::norm(b.view, dst.view, cv::NORM_INF), 0.0) << c.name << " in place";
-            EXPECT_EQ(cv::norm(a.view, a0, cv::NORM_INF), 0.0) << c.name << " source changed";
+            EXPECT_TRUE(dst.paddingIntact() && b.paddingIntact());
+            EXPECT_EQ(cv::norm(b.view, dst.view, cv::NORM_INF), 0.0) << "in place";
+            EXPECT_EQ(cv::norm(a.view, a0, cv::NORM_INF), 0.0) << "source changed";
         }
 }
 
 TEST(PxArithmetic, SquareAndAddConstant) {
-    for (int w : kWidths) {
+    for (int w : kxtest::kAwkwardWidths) {
         PaddedMat a = floats(4, w, 3 * w, -3.0, 3.0, 24), dst(4, w, CV_32F, 8);
         cv::Mat const a0 = a.view.clone();
         ASSERT_EQ(pxSqr(a.ptr<float>(), a.step(), dst.ptr<float>(), dst.step(), {w, 4}), 0);
@@ -73,9 +68,6 @@ TEST(PxArithmetic, SquareAndAddConstant) {
         EXPECT_TRUE(a.paddingIntact() && dst.paddingIntact());
         EXPECT_EQ(cv::norm(a.view, dst.view.mul(dst.view), cv::NORM_INF), 0.0);
     }
-}
-
-TEST(PxArithmetic, FailingCallsReportAndLeaveTheOutputAlone) {
     std::vector<float> a(12, 1.0f), b(12, 2.0f), d(12, 5.0f);
     EXPECT_EQ(pxAdd(nullptr, 16, b.data(), 16, d.data(), 16, {4, 3}), pxStsNullPtrErr);
     EXPECT_EQ(pxSub(a.data(), 16, b.data(), 16, nullptr, 16, {4, 3}), pxStsNullPtrErr);
@@ -85,8 +77,8 @@ TEST(PxArithmetic, FailingCallsReportAndLeaveTheOutputAlone) {
     EXPECT_EQ(pxSqr(a.data(), 16, d.data(), 16, {4, -1}), pxStsSizeErr);
     EXPECT_EQ(pxAddC(a.data(), 15, 1.0f, d.data(), 16, {4, 3}), pxStsStepErr);
     EXPECT_EQ(pxSub(a.data(), 16, b.data(), 8, {4, 3}), pxStsStepErr);
-    EXPECT_EQ(std::count(d.begin(), d.end(), 5.0f), 12);
-    EXPECT_EQ(std::count(b.begin(), b.end(), 2.0f), 12);
+    EXPECT_EQ(std::count(d.begin(), d.end(), 5.0f), 12) << "changed on a failing call";
+    EXPECT_EQ(std::count(b.begin(), b.end(), 2.0f), 12) << "changed on a failing call";
 }
 
 // A matrix at the given strides in bytes inside a buffer of floats.
@@ -96,6 +88,9 @@ struct Strided {
             at(k / 3, k % 3) = float(m[k]);
     }
     float &at(int i, int j) { return data[(i * s1 + j * s2) / 4]; }
+    PxStatus invertInto(Strided &dst, float *buffer) {
+        return pxInvert3x3(data.data(), s1, s2, buffer, dst.data.data(), dst.s1, dst.s2);
+    }
     int s1, s2;
     std::vector<float> data = std::vector<float>(40, -7.0f);
 };
@@ -109,15 +104,13 @@ TEST(PxInvert3x3, KnownAndRandomInversesAndSingularMatrices) {
     int const layouts[][2] = {{12, 4}, {4, 12}, {20, 4}};
     for (auto const &in : layouts)
         for (auto const &out : layouts) {
+            SCOPED_TRACE(::testing::Message()
+                         << in[0] << "/" << in[1] << " -> " << out[0] << "/" << out[1]);
             Strided src(in[0], in[1], a), dst(out[0], out[1]);
             std::vector<float> const srcBefore = src.data;
-            ASSERT_EQ(
-                pxInvert3x3(src.data.data(), in[0], in[1], buffer, dst.data.data(), out[0], out[1]),
-                pxStsNoErr);
+            ASSERT_EQ(src.invertInto(dst, buffer), pxStsNoErr);
             for (int k = 0; k < 9; ++k)
-                EXPECT_NEAR(dst.at(k / 3, k % 3), inv[k], 1e-5)
-                    << k << " strides " << in[0] << "/" << in[1] << " -> " << out[0] << "/"
-                    << out[1];
+                EXPECT_NEAR(dst.at(k / 3, k % 3), inv[k], 1e-5) << k;
             EXPECT_EQ(src.data, srcBefore);
             EXPECT_EQ(std::count(dst.data.begin(), dst.data.end(), -7.0f), 40 - 9) << "stray";
         }
@@ -126,24 +119,23 @@ TEST(PxInvert3x3, KnownAndRandomInversesAndSingularMatrices) {
         {1, 2, 3, 4, 5, 6, 7, 8, 9}, {1, 2, 3, 2, 4, 6, 0, 0, 1}, {0, 0, 0, 0, 0, 0, 0, 0, 0}};
     for (auto const &m : singular) {
         Strided src(12, 4, m), dst(12, 4);
-        EXPECT_EQ(pxInvert3x3(src.data.data(), 12, 4, buffer, dst.data.data(), 12, 4),
-                  pxStsSingularErr);
+        EXPECT_EQ(src.invertInto(dst, buffer), pxStsSingularErr);
         EXPECT_EQ(std::count(dst.data.begin(), dst.data.begin() + 9, 0.0f), 9);
     }
     float m[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1}, d[9] = {};
     EXPECT_EQ(pxInvert3x3(nullptr, 12, 4, buffer, d, 12, 4), pxStsNullPtrErr);
     EXPECT_EQ(pxInvert3x3(m, 12, 4, nullptr, d, 12, 4), pxStsNullPtrErr);
     EXPECT_EQ(pxInvert3x3(m, 12, 4, buffer, nullptr, 12, 4), pxStsNullPtrErr);
-    // Random matrices times their inverses give the identity.
+    // Random diagonally dominant matrices (well conditioned, signs and sizes varying) times
+    // their inverses give the identity.
     cv::RNG rng(2024);
     for (int trial = 0; trial < 200; ++trial) {
-        // Diagonally dominant, so well conditioned; signs and sizes vary.
         double r[9];
         for (int k = 0; k < 9; ++k)
             r[k] = rng.uniform(-1.0, 1.0) + (k % 4 == 0 ? 4.0 : 0.0);
         if (trial % 2) std::swap_ranges(r, r + 3, r + 6);  // the largest pivot not on top
         Strided src(12, 4, r), dst(4, 12);
-        ASSERT_EQ(pxInvert3x3(src.data.data(), 12, 4, buffer, dst.data.data(), 4, 12), 0);
+        ASSERT_EQ(src.invertInto(dst, buffer), 0);
         for (int k = 0; k < 9; ++k) {
             double p = 0;
             for (int j = 0; j < 3; ++j)

@@ -23,14 +23,6 @@ double topOf() {
 }
 
 template <class T>
-cv::Mat noiseOf(int rows, int cols, std::uint64_t seed, int channels = 1) {
-    return kxtest::noise(rows, cols, CV_MAKETYPE(cv::DataType<T>::depth, channels), seed, 0,
-                         kFloat<T> ? 1.0 : topOf<T>() + 1);
-}
-
-int const kWidths[] = {1, 7, 33, 4099};
-
-template <class T>
 class PxGeometry : public ::testing::Test {};
 using GeometryTypes = ::testing::Types<std::uint8_t, std::uint16_t, float>;
 TYPED_TEST_SUITE(PxGeometry, GeometryTypes);
@@ -76,44 +68,41 @@ struct Samples {
 // the source region must be expect(u, v, got) (region coordinates, saturated) within tol, all
 // others must keep their old value.
 template <class T, class Expect>
-void checkResize(cv::Mat const &src, IppiRect roi, cv::Size dstSize, IppiRect dstRoi, Mapping g,
+void checkResize(cv::Mat const &src, IppiRect roi, cv::Size size, IppiRect dstRoi, Mapping g,
                  int interpolation, double tol, Expect expect) {
-    PaddedMat dst(dstSize.height, dstSize.width, cv::DataType<T>::type);
-    noiseOf<T>(dstSize.height, dstSize.width, 99).copyTo(dst.view);
+    PaddedMat dst(size.height, size.width, cv::DataType<T>::type);
+    kxtest::fullRangeNoise<T>(size.height, size.width, 1, 99).copyTo(dst.view);
     cv::Mat const before = dst.view.clone();
     ASSERT_EQ(resize<T>(src, roi, dst.view, dstRoi, g, interpolation), pxStsNoErr);
     EXPECT_TRUE(dst.paddingIntact());
     cv::Rect const target(dstRoi.x, dstRoi.y, dstRoi.width, dstRoi.height);
     cv::Rect2d const source(roi.x, roi.y, roi.width, roi.height);
     int moved = 0, wrong = 0;
-    double worst = 0;
-    for (int y = 0; y < dstSize.height; ++y)
-        for (int x = 0; x < dstSize.width; ++x) {
+    for (int y = 0; y < size.height; ++y)
+        for (int x = 0; x < size.width; ++x) {
             double const u = (x + 0.5 - g.sx) / g.fx - 0.5, v = (y + 0.5 - g.sy) / g.fy - 0.5;
             double const got = dst.view.at<T>(y, x);
-            if (!target.contains({x, y}) || !source.contains({u + 0.5, v + 0.5})) {
+            if (!target.contains({x, y}) || !source.contains({u + 0.5, v + 0.5}))
                 moved += got != before.at<T>(y, x);
-                continue;
-            }
-            double want = expect(u - roi.x, v - roi.y, got);
-            if (!kFloat<T>) want = std::clamp(want, 0.0, topOf<T>());
-            wrong += std::fabs(got - want) > tol;
-            worst = std::max(worst, std::fabs(got - want));
+            else if (double want = expect(u - roi.x, v - roi.y, got); kFloat<T>)
+                wrong += std::fabs(got - want) > tol;
+            else
+                wrong += std::fabs(got - std::clamp(want, 0.0, topOf<T>())) > tol;
         }
     EXPECT_EQ(moved, 0) << "pixels outside the written area changed";
-    EXPECT_EQ(wrong, 0) << "worst error " << worst << " on " << dstSize;
+    EXPECT_EQ(wrong, 0) << "on " << size;
 }
 
 // The region lies inside a noisy image, so that the pixels around it differ from its edges.
 TYPED_TEST(PxGeometry, ResizeNearestAndLinearMatchReference) {
     using T = TypeParam;
     for (int inter : {pxInterNearest, pxInterLinear})
-        for (int w : kWidths)
+        for (int w : kxtest::kAwkwardWidths)
             for (Mapping g : kMappings) {
                 SCOPED_TRACE(::testing::Message()
                              << "interpolation " << inter << " width " << w << " mapping " << g.fx
                              << "," << g.fy << " " << g.sx << "," << g.sy);
-                cv::Mat const image = noiseOf<T>(5, w + 2, 1000 + w);
+                cv::Mat const image = kxtest::fullRangeNoise<T>(5, w + 2, 1, 1000 + w);
                 Samples const s(image, {1, 1, w, 3});
                 cv::Size const size(int(std::ceil((w + 2) * g.fx + std::fabs(g.sx))) + 3,
                                     int(std::ceil(5 * g.fy + std::fabs(g.sy))) + 3);
@@ -135,35 +124,33 @@ TYPED_TEST(PxGeometry, ResizeNearestAndLinearMatchReference) {
             }
 }
 
-TYPED_TEST(PxGeometry, ResizeByTwoAndByHalf) {
+TYPED_TEST(PxGeometry, ResizeByTwoAndByHalfExactly) {
     using T = TypeParam;
     double const unit = kFloat<T> ? 1.0 / 256 : 1.0;
     // 4x4 -> 8x8 in a 10x10 target: on these values every bilinear sample is a whole number
-    // of units, and the pixels beyond 8x8 stay.
-    cv::Mat src(4, 4, cv::DataType<T>::type);
-    for (int i = 0; i < 16; ++i)
-        src.at<T>(i / 4, i % 4) = T(16 * i * unit);
-    Samples const s(src, {0, 0, 4, 4});
-    for (int inter : {pxInterNearest, pxInterLinear})
-        checkResize<T>(src, {0, 0, 4, 4}, {10, 10}, {0, 0, 10, 10}, {2, 2, 0, 0}, inter, 0.0,
-                       [&](double u, double v, double) {
-                           return inter == pxInterLinear ? s.linear(u, v)
-                                                         : s.at(int(u + 0.5), int(v + 0.5));
-                       });
-    // 5x5 -> 3x3 by half: only the first two rows and columns map inside the source, each
-    // the mean of a 2x2 block.
-    cv::Mat odd(5, 5, cv::DataType<T>::type);
-    for (int i = 0; i < 25; ++i)
-        odd.at<T>(i / 5, i % 5) = T(4 * i * unit);
-    checkResize<T>(odd, {0, 0, 5, 5}, {3, 3}, {0, 0, 3, 3}, {0.5, 0.5, 0, 0}, pxInterLinear, 0.0,
-                   [&](double u, double v, double) { return 4 * unit * (u + 5 * v); });
+    // of units, and the pixels beyond 8x8 stay. 5x5 -> 3x3 by half: only the first two rows
+    // and columns map inside the source, each the mean of a 2x2 block.
+    for (int n : {4, 5}) {
+        cv::Mat src(n, n, cv::DataType<T>::type);
+        for (int i = 0; i < n * n; ++i)
+            src.at<T>(i / n, i % n) = T((n == 4 ? 16 : 4) * i * unit);
+        Samples const s(src, {0, 0, n, n});
+        Mapping const g = n == 4 ? Mapping{2, 2, 0, 0} : Mapping{0.5, 0.5, 0, 0};
+        int const out = n == 4 ? 10 : 3;
+        for (int inter : {pxInterNearest, pxInterLinear})
+            checkResize<T>(src, {0, 0, n, n}, {out, out}, {0, 0, out, out}, g, inter, 0.0,
+                           [&](double u, double v, double) {
+                               return inter == pxInterLinear ? s.linear(u, v)
+                                                             : s.at(int(u + 0.5), int(v + 0.5));
+                           });
+    }
 }
 
 TYPED_TEST(PxGeometry, ResizeCubic) {
     using T = TypeParam;
     double const top = topOf<T>();
     // A third of the size samples the source exactly at pixel centres 1, 4, 7, ...
-    cv::Mat const image = noiseOf<T>(9, 33, 5);
+    cv::Mat const image = kxtest::fullRangeNoise<T>(9, 33, 1, 5);
     Samples const s(image, {0, 0, 33, 9});
     checkResize<T>(image, {0, 0, 33, 9}, {11, 3}, {0, 0, 11, 3}, {1.0 / 3, 1.0 / 3, 0, 0},
                    pxInterCubic, kFloat<T> ? 1e-5 : 0.0, [&](double u, double v, double) {
@@ -200,8 +187,8 @@ TYPED_TEST(PxGeometry, ResizeCubic) {
 
 TYPED_TEST(PxGeometry, ResizeRejectsBadArguments) {
     using T = TypeParam;
-    cv::Mat const src = noiseOf<T>(4, 4, 3);
-    cv::Mat dst = noiseOf<T>(8, 8, 4);
+    cv::Mat const src = kxtest::fullRangeNoise<T>(4, 4, 1, 3);
+    cv::Mat dst = kxtest::fullRangeNoise<T>(8, 8, 1, 4);
     cv::Mat const before = dst.clone();
     std::vector<std::uint8_t> buf(4096);
     T const *s = src.ptr<T>();
@@ -228,12 +215,13 @@ TYPED_TEST(PxGeometry, ResizeRejectsBadArguments) {
     EXPECT_EQ(bytes, -1);
 }
 
-TYPED_TEST(PxGeometry, ReplicateBorderCopiedAndInPlace) {
+// Border replication, copied and in place, and plain copies of 1, 3 and 4 channels.
+TYPED_TEST(PxGeometry, ReplicateBorderAndCopy) {
     using T = TypeParam;
     int const top = 2, left = 3, h = 4, type = cv::DataType<T>::type;
-    for (int w : kWidths) {
+    for (int w : kxtest::kAwkwardWidths) {
         PaddedMat src(h, w, type), dst(h + top + 2, w + left + 1, type, 40), in(h + 4, w + 4, type);
-        noiseOf<T>(h, w, w).copyTo(src.view);
+        kxtest::fullRangeNoise<T>(h, w, 1, w).copyTo(src.view);
         IppiSize const outer{w + 4, h + 4};
         ASSERT_EQ(pxCopyReplicateBorder(src.ptr<T>(), src.step(), {w, h}, dst.ptr<T>(), dst.step(),
                                         outer, top, left),
@@ -245,13 +233,19 @@ TYPED_TEST(PxGeometry, ReplicateBorderCopiedAndInPlace) {
                                            top, left),
                   pxStsNoErr);
         EXPECT_TRUE(dst.paddingIntact() && in.paddingIntact());
-        for (int y = 0; y < outer.height; ++y)
-            for (int x = 0; x < outer.width; ++x) {
-                T const want =
-                    src.view.at<T>(std::clamp(y - top, 0, h - 1), std::clamp(x - left, 0, w - 1));
-                ASSERT_EQ(dst.view.at<T>(y, x), want) << x << "," << y << " width " << w;
-                ASSERT_EQ(in.view.at<T>(y, x), want) << x << "," << y << " in place, width " << w;
-            }
+        cv::Mat want;
+        cv::copyMakeBorder(src.view, want, top, 2, left, 1, cv::BORDER_REPLICATE);
+        EXPECT_EQ(cv::norm(dst.view, want, cv::NORM_INF), 0.0) << "width " << w;
+        EXPECT_EQ(cv::norm(in.view, want, cv::NORM_INF), 0.0) << "in place, width " << w;
+        for (int channels : {1, 3, 4}) {
+            int const ctype = CV_MAKETYPE(cv::DataType<T>::depth, channels);
+            PaddedMat from(3, w, ctype), to(3, w, ctype, 8);
+            kxtest::fullRangeNoise<T>(3, w, channels, channels * w).copyTo(from.view);
+            ASSERT_EQ(pxCopy(from.ptr<T>(), from.step(), to.ptr<T>(), to.step(), {w, 3}, channels),
+                      pxStsNoErr);
+            EXPECT_TRUE(to.paddingIntact());
+            EXPECT_EQ(cv::norm(from.view, to.view, cv::NORM_INF), 0.0);
+        }
     }
     // Frames that do not fit, and for the in-place form a step shorter than the outer row.
     cv::Mat small(5, 7, type, cv::Scalar(3));
@@ -263,23 +257,8 @@ TYPED_TEST(PxGeometry, ReplicateBorderCopiedAndInPlace) {
     EXPECT_EQ(pxReplicateBorderInPlace(inner, 5 * e, {4, 3}, {7, 5}, 1, 1), pxStsStepErr);
     EXPECT_EQ(pxReplicateBorderInPlace(static_cast<T *>(nullptr), st, {4, 3}, {7, 5}, 1, 1),
               pxStsNullPtrErr);
+    EXPECT_EQ(pxCopy(p, st, p, st, {1, 1}, 0), pxStsBadArgErr);
     EXPECT_EQ(cv::countNonZero(small != 3), 0);
-}
-
-TYPED_TEST(PxGeometry, CopyOfInterleavedChannels) {
-    using T = TypeParam;
-    for (int channels : {1, 3, 4})
-        for (int w : kWidths) {
-            int const type = CV_MAKETYPE(cv::DataType<T>::depth, channels);
-            PaddedMat src(3, w, type), dst(3, w, type, 8);
-            noiseOf<T>(3, w, channels * w, channels).copyTo(src.view);
-            ASSERT_EQ(pxCopy(src.ptr<T>(), src.step(), dst.ptr<T>(), dst.step(), {w, 3}, channels),
-                      pxStsNoErr);
-            EXPECT_TRUE(dst.paddingIntact());
-            EXPECT_EQ(cv::norm(src.view, dst.view, cv::NORM_INF), 0.0);
-        }
-    T px[4] = {1, 2, 3, 4};
-    EXPECT_EQ(pxCopy(px, 16, px, 16, {1, 1}, 0), pxStsBadArgErr);
 }
 
 }  // namespace

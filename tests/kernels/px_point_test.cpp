@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -15,28 +16,10 @@
 namespace {
 
 using kxtest::PaddedMat;
+using kxtest::typeOf;
 
 template <class T>
 using Lim = std::numeric_limits<T>;
-
-template <class T>
-int typeOf(int channels) {
-    return CV_MAKETYPE(cv::DataType<T>::depth, channels);
-}
-
-int const kWidths[] = {1, 7, 33, 4099};
-
-// Noise over the whole range of an integer type, both ends planted in the first and last
-// element.
-template <class T>
-cv::Mat noiseOf(int rows, int cols, std::uint64_t seed, int channels = 1) {
-    bool const fp = std::is_floating_point_v<T>;
-    cv::Mat m = kxtest::noise(rows, cols, typeOf<T>(channels), seed, fp ? -1e3 : Lim<T>::min(),
-                              fp ? 1e3 : double(Lim<T>::max()) + 1);
-    m.ptr<T>()[0] = Lim<T>::max();
-    m.ptr<T>(rows - 1)[cols * channels - 1] = Lim<T>::lowest();
-    return m;
-}
 
 // Pointers, steps and size of one kernel call.
 template <class S, class D>
@@ -48,39 +31,24 @@ struct Call {
     IppiSize z;
 };
 
-// The source's element i of row y, as want(src, y, i) below reads it: src(y, i).
-template <class T>
-struct Elements {
-    cv::Mat const &m;
-    T operator()(int y, int i) const { return m.ptr<T>(y)[i]; }
-};
-
-struct Shape {
-    int channels = 1, rows = 3;
-    double tol = 0;
-    bool inPlace = false;  // dst starts as a copy of src
-};
-
-// For every width: run(call) from a padded region of noise into a padded target with another
-// step; element i of row y of dst must be want(src, y, i) within tol.
+// For every awkward width: run(call) from a padded region of full-range noise into a padded
+// target with another step (inPlace: the target starts as a copy of the source); element i
+// of row y of dst must be want(src, y, i) within tol.
 template <class S, class D = S, class Want, class Run>
-void eachWidth(Shape sh, Want want, Run run) {
-    for (int w : kWidths) {
-        SCOPED_TRACE(::testing::Message() << "width " << w);
-        PaddedMat src(sh.rows, w, typeOf<S>(sh.channels)),
-            dst(sh.rows, w, typeOf<D>(sh.channels), 8);
-        noiseOf<S>(sh.rows, w, w + sh.channels, sh.channels).copyTo(src.view);
-        if constexpr (std::is_same_v<S, D>)
-            if (sh.inPlace) src.view.copyTo(dst.view);
-        ASSERT_EQ(run(Call<S, D>{src.ptr<S>(), src.step(), dst.ptr<D>(), dst.step(), {w, sh.rows}}),
+void eachWidth(int channels, int rows, bool inPlace, double tol, Want want, Run run) {
+    for (int w : kxtest::kAwkwardWidths) {
+        PaddedMat src(rows, w, typeOf<S>(channels)), dst(rows, w, typeOf<D>(channels), 8);
+        kxtest::fullRangeNoise<S>(rows, w, channels, w + channels).copyTo(src.view);
+        if (inPlace) src.view.copyTo(dst.view);
+        ASSERT_EQ(run(Call<S, D>{src.ptr<S>(), src.step(), dst.ptr<D>(), dst.step(), {w, rows}}),
                   0);
-        EXPECT_TRUE(dst.paddingIntact());
+        auto at = [&](int y, int i) { return double(src.view.ptr<S>(y)[i]); };
         int wrong = 0;
-        for (int y = 0; y < sh.rows; ++y)
-            for (int i = 0; i < w * sh.channels; ++i)
-                wrong += std::fabs(double(dst.view.ptr<D>(y)[i]) -
-                                   double(want(Elements<S>{src.view}, y, i))) > sh.tol;
-        EXPECT_EQ(wrong, 0);
+        for (int y = 0; y < rows; ++y)
+            for (int i = 0; i < w * channels; ++i)
+                wrong += std::fabs(dst.view.ptr<D>(y)[i] - double(want(at, y, i))) > tol;
+        EXPECT_EQ(wrong, 0) << "width " << w;
+        EXPECT_TRUE(dst.paddingIntact()) << "width " << w;
     }
 }
 
@@ -90,26 +58,25 @@ void checkPalette(int bits) {
     std::vector<D> table(std::size_t(1) << bits);
     for (std::size_t i = 0; i < table.size(); ++i)
         table[i] = D((i * 2654435761u >> 5) % (std::size_t(Lim<D>::max()) + 1));
-    unsigned const mask = (1u << bits) - 1u;
-    auto want = [&](auto s, int y, int i) { return table[s(y, i) & mask]; };
-    eachWidth<S, D>({}, want, [&](auto c) {
+    auto want = [&](auto s, int y, int i) { return table[unsigned(s(y, i)) % table.size()]; };
+    eachWidth<S, D>(1, 3, false, 0, want, [&](auto c) {
         return pxLutPalette(c.s, c.ss, c.d, c.ds, c.z, table.data(), bits);
     });
-    if constexpr (std::is_same_v<S, D>)
-        eachWidth<S>({1, 3, 0, true}, want, [&](auto c) {
+    if (std::is_same_v<S, D>)
+        eachWidth<S, D>(1, 3, true, 0, want, [&](auto c) {
             return pxLutPalette(c.d, c.ds, c.d, c.ds, c.z, table.data(), bits);
         });
 }
 
 TEST(PxLutPalette, EveryFormAndIndexWidth) {
-    checkPalette<std::uint8_t, std::uint8_t>(8);
-    checkPalette<std::uint8_t, std::uint8_t>(3);
+    for (int bits : {8, 3})
+        checkPalette<std::uint8_t, std::uint8_t>(bits);
     // With 8 bits only the low byte of a 16-bit pixel counts.
-    checkPalette<std::uint16_t, std::uint8_t>(8);
-    checkPalette<std::uint16_t, std::uint8_t>(12);
+    for (int bits : {8, 12})
+        checkPalette<std::uint16_t, std::uint8_t>(bits);
     // The full table: pixel 65535 reads its last entry.
-    checkPalette<std::uint16_t, std::uint16_t>(16);
-    checkPalette<std::uint16_t, std::uint16_t>(1);
+    for (int bits : {16, 1})
+        checkPalette<std::uint16_t, std::uint16_t>(bits);
 }
 
 template <class T>
@@ -121,43 +88,37 @@ TYPED_TEST_SUITE(PxColorTwist, TwistTypes);
 // to nearest (within a half, plus float error) and saturated at both ends.
 TYPED_TEST(PxColorTwist, EveryFormMatchesReference) {
     using T = TypeParam;
-    // All channels mixed, gains and offsets (in units of the range) past both ends.
+    // All channels mixed; gains and offsets (in units of the range) push results past both
+    // ends of the range.
     float const u = float(Lim<T>::max()) / 255;
     float const t[12] = {0.9f,  -0.35f,     0.52f, 12.25f * u, 0.1f,  1.3f,
                          -0.2f, -40.5f * u, -0.6f, 0.25f,      1.45f, 7.0f * u};
     double const tol = 0.5 + (sizeof(T) == 1 ? 1e-3 : 2e-2);
-    int low = 0, high = 0;
     auto twisted = [&](int k, double a, double b, double c) {
         double const v = t[4 * k] * a + t[4 * k + 1] * b + t[4 * k + 2] * c + t[4 * k + 3];
-        low += (v < Lim<T>::min()), high += (v > Lim<T>::max());
         return std::clamp<double>(v, Lim<T>::min(), Lim<T>::max());
     };
     auto packed = [&](auto s, int y, int i) {
         int const p = i / 3 * 3;
         return twisted(i % 3, s(y, p), s(y, p + 1), s(y, p + 2));
     };
-    eachWidth<T>({3, 4, tol}, packed,
+    eachWidth<T>(3, 4, false, tol, packed,
                  [&](auto c) { return pxColorTwist(c.s, c.ss, c.d, c.ds, c.z, t); });
-    eachWidth<T>({3, 4, tol, true}, packed,
-                 [&](auto c) { return pxColorTwist(c.d, c.ds, c.z, t); });
-    EXPECT_GT(low, 0);
-    EXPECT_GT(high, 0);
+    eachWidth<T>(3, 4, true, tol, packed, [&](auto c) { return pxColorTwist(c.d, c.ds, c.z, t); });
     if constexpr (!std::is_signed_v<T>) {
         // Three planes of three rows stacked in one region share its step.
         auto planar = [&](auto s, int y, int i) {
-            int const r = y % 3;
-            return twisted(y / 3, s(r, i), s(r + 3, i), s(r + 6, i));
+            return twisted(y / 3, s(y % 3, i), s(y % 3 + 3, i), s(y % 3 + 6, i));
         };
         auto planes = [](T *p, int step) {
-            return std::vector<T *>{p, p + 3 * step / int(sizeof(T)),
-                                    p + 6 * step / int(sizeof(T))};
+            int const n = 3 * step / int(sizeof(T));
+            return std::array<T *, 3>{p, p + n, p + 2 * n};
         };
-        eachWidth<T>({1, 9, tol}, planar, [&](auto c) {
-            std::vector<T *> const in = planes(c.s, c.ss), out = planes(c.d, c.ds);
-            T const *const cin[3] = {in[0], in[1], in[2]};
-            return pxColorTwist(cin, c.ss, out.data(), c.ds, {c.z.width, 3}, t);
+        eachWidth<T>(1, 9, false, tol, planar, [&](auto c) {
+            T const *const in[3] = {c.s, planes(c.s, c.ss)[1], planes(c.s, c.ss)[2]};
+            return pxColorTwist(in, c.ss, planes(c.d, c.ds).data(), c.ds, {c.z.width, 3}, t);
         });
-        eachWidth<T>({1, 9, tol, true}, planar, [&](auto c) {
+        eachWidth<T>(1, 9, true, tol, planar, [&](auto c) {
             return pxColorTwist(planes(c.d, c.ds).data(), c.ds, {c.z.width, 3}, t);
         });
     }
@@ -177,22 +138,18 @@ TEST(PxColorTwistRounding, HalvesGoToEven) {
 template <class T>
 void checkFills(T value) {
     auto masked = [](int x, int y) { return (x + 2 * y) % 3 != 0; };
-    eachWidth<T>(
-        {1, 3, 0, true}, [&](auto s, int y, int i) { return masked(i, y) ? value : s(y, i); },
-        [&](auto c) {
-            cv::Mat mask(c.z.height, c.z.width, CV_8U);
-            for (int y = 0; y < c.z.height; ++y)
-                for (int x = 0; x < c.z.width; ++x)
-                    mask.at<std::uint8_t>(y, x) = masked(x, y) ? 1 + x % 255 : 0;
-            return pxSetMasked(c.d, c.ds, c.z, value, mask.ptr(), int(mask.step));
-        });
-    eachWidth<T>(
-        {}, [&](auto, int, int) { return value; },
-        [&](auto c) { return pxSet(c.d, c.ds, c.z, value); });
+    auto fill = [&](auto s, int y, int i) { return masked(i, y) ? double(value) : s(y, i); };
+    eachWidth<T>(1, 3, true, 0, fill, [&](auto c) {
+        cv::Mat mask(c.z.height, c.z.width, CV_8U);
+        for (int y = 0; y < c.z.height; ++y)
+            for (int x = 0; x < c.z.width; ++x)
+                mask.at<std::uint8_t>(y, x) = masked(x, y) ? 1 + x % 255 : 0;
+        return pxSetMasked(c.d, c.ds, c.z, value, mask.ptr(), int(mask.step));
+    });
+    auto all = [&](auto, int, int) { return value; };
+    eachWidth<T>(1, 3, false, 0, all, [&](auto c) { return pxSet(c.d, c.ds, c.z, value); });
     // The vector form: a single row, whose padding shows that only len elements change.
-    eachWidth<T>(
-        {1, 1}, [&](auto, int, int) { return value; },
-        [&](auto c) { return pxSet(c.d, c.z.width, value); });
+    eachWidth<T>(1, 1, false, 0, all, [&](auto c) { return pxSet(c.d, c.z.width, value); });
 }
 
 TEST(PxFill, SetAndSetMaskedWriteOnlyTheirPixels) {
@@ -203,24 +160,23 @@ TEST(PxFill, SetAndSetMaskedWriteOnlyTheirPixels) {
 
 TEST(PxByteOperations, MatchTheirRules) {
     using B = std::uint8_t;
-    Shape const inPlace{1, 3, 0, true};
     eachWidth<B>(
-        inPlace, [](auto s, int y, int i) { return s(y, i) ^ 0x5A; },
+        1, 3, true, 0, [](auto s, int y, int i) { return int(s(y, i)) ^ 0x5A; },
         [](auto c) { return pxXorC(c.d, c.ds, c.z, 0x5A); });
     eachWidth<B>(
-        inPlace, [](auto s, int y, int i) { return std::max<int>(s(y, i), 100); },
+        1, 3, true, 0, [](auto s, int y, int i) { return std::max(s(y, i), 100.0); },
         [](auto c) { return pxThresholdLess(c.d, c.ds, c.z, 100); });
     eachWidth<B>(
-        inPlace, [](auto s, int y, int i) { return std::max(s(y, i) - 77, 0); },
+        1, 3, true, 0, [](auto s, int y, int i) { return std::max(s(y, i) - 77, 0.0); },
         [](auto c) { return pxSubC(c.d, c.ds, c.z, 77); });
     eachWidth<B>(
-        {}, [](auto s, int y, int i) { return std::clamp<int>(s(y, i), 40, 200); },
+        1, 3, false, 0, [](auto s, int y, int i) { return std::clamp(s(y, i), 40.0, 200.0); },
         [](auto c) { return pxThresholdLessGreater(c.s, c.ss, c.d, c.ds, c.z, 40, 200); });
     // The widest noise holds every byte value; nearbyint rounds halves to even.
     for (int value : {0, 1, 3, 5, 100, 255})
         for (int scale : {0, 1, 2, 7, 8, 16})
             eachWidth<B>(
-                inPlace,
+                1, 3, true, 0,
                 [&](auto s, int y, int i) {
                     return std::min(255.0, std::nearbyint(s(y, i) * value / std::ldexp(1, scale)));
                 },
@@ -243,7 +199,8 @@ void checkRamp(float offset, float slope) {
                : v >= top - 0.5            ? top
                                            : std::trunc(double(v) + 0.5);
     };
-    eachWidth<T>({1, 1}, want, [&](auto c) { return pxVectorRamp(c.d, c.z.width, offset, slope); });
+    eachWidth<T>(1, 1, false, 0, want,
+                 [&](auto c) { return pxVectorRamp(c.d, c.z.width, offset, slope); });
 }
 
 TEST(PxVectorRamp, RoundingAndSaturation) {
@@ -265,15 +222,14 @@ struct Curve {
 
 // The mapping of px_point.h for one value, searched interval by interval.
 template <class T>
-T mapped(Curve const &c, int v) {
+double mapped(Curve const &c, double v) {
     for (std::size_t k = 0; k + 1 < c.levels.size(); ++k) {
-        std::int64_t const l0 = c.levels[k], l1 = c.levels[k + 1];
+        std::int64_t const l0 = c.levels[k], l1 = c.levels[k + 1], v0 = c.values[k];
         if (v < l0 || v >= l1) continue;
-        std::int64_t const r =
-            c.values[k] + (v - l0) * (std::int64_t(c.values[k + 1]) - c.values[k]) / (l1 - l0);
-        return T(std::clamp<std::int64_t>(r, Lim<T>::min(), Lim<T>::max()));
+        std::int64_t const r = v0 + (std::int64_t(v) - l0) * (c.values[k + 1] - v0) / (l1 - l0);
+        return double(std::clamp<std::int64_t>(r, Lim<T>::min(), Lim<T>::max()));
     }
-    return T(v);
+    return v;
 }
 
 template <class T>
@@ -300,7 +256,8 @@ TYPED_TEST(PxLutLinear, OneAndThreeChannelsMatchReference) {
         n[c] = int(curves[c].levels.size());
     for (int ch : {1, 3})
         eachWidth<T>(
-            {ch}, [&](auto s, int y, int i) { return mapped<T>(curves[i % ch], s(y, i)); },
+            ch, 3, false, 0,
+            [&](auto s, int y, int i) { return mapped<T>(curves[i % ch], s(y, i)); },
             [&](auto c) {
                 // Every level of each channel's curve and the values next to it, first row.
                 for (int k = 0, j = 0; k < ch; ++k, j = 0)

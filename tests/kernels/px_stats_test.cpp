@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <limits>
 #include <vector>
 
 #include "kestrix1/kernels/px_stats.h"
@@ -12,16 +11,6 @@
 namespace {
 
 using kxtest::PaddedMat;
-
-template <class T>
-using Lim = std::numeric_limits<T>;
-
-template <class T>
-int typeOf(int channels) {
-    return CV_MAKETYPE(cv::DataType<T>::depth, channels);
-}
-
-int const kWidths[] = {1, 7, 33, 4099};
 
 TEST(PxEvenLevels, TruncatedSteps) {
     int l[5] = {42};
@@ -39,42 +28,38 @@ struct Bins {
     int n, lower, upper;
 };
 
-// Counts by the rule of px_stats.h, with the levels computed here.
-template <class T>
-std::vector<int> referenceCounts(cv::Mat const &img, int c, Bins b) {
-    std::vector<int> hist(b.n - 1, 0);
-    auto level = [&](int k) { return b.lower + (std::int64_t(b.upper) - b.lower) * k / (b.n - 1); };
-    for (int i = c; i < int(img.total()) * img.channels(); i += img.channels())
-        for (int k = 0; k + 1 < b.n; ++k)
-            hist[k] += level(k) <= img.ptr<T>()[i] && img.ptr<T>()[i] < level(k + 1);
-    return hist;
-}
-
+// Counts of every channel by the rule of px_stats.h, with the levels computed here, against
+// the kernel over full-range noise of every awkward width.
 template <class T>
 void checkHistogram(std::vector<Bins> const &bins) {
     int const channels = int(bins.size());
-    for (int w : kWidths) {
+    for (int w : kxtest::kAwkwardWidths) {
         int const h = w > 1000 ? 9 : 4;  // the widest region is split among threads
-        PaddedMat img(h, w, typeOf<T>(channels));
-        kxtest::noise(h, w, img.view.type(), w, Lim<T>::min(), Lim<T>::max() + 1.0)
-            .copyTo(img.view);
-        // Both ends of the range, so the first and last bins are reached.
-        img.ptr<T>()[0] = Lim<T>::min();
-        img.view.ptr<T>(h - 1)[w * channels - 1] = Lim<T>::max();
+        PaddedMat img(h, w, kxtest::typeOf<T>(channels));
+        kxtest::fullRangeNoise<T>(h, w, channels, w).copyTo(img.view);
         std::vector<std::vector<int>> hist(3);
         int *out[3], n[3], lo[3], hi[3];
         for (int c = 0; c < channels; ++c) {
             hist[c].assign(bins[c].n - 1, -1);
             out[c] = hist[c].data(), n[c] = bins[c].n, lo[c] = bins[c].lower, hi[c] = bins[c].upper;
         }
-        PxStatus const s =
-            channels == 1
-                ? pxHistogramEven(img.ptr<T>(), img.step(), {w, h}, out[0], n[0], lo[0], hi[0])
-                : pxHistogramEven(img.ptr<T>(), img.step(), {w, h}, out, n, lo, hi);
-        ASSERT_EQ(s, pxStsNoErr);
-        for (int c = 0; c < channels; ++c)
-            EXPECT_EQ(hist[c], referenceCounts<T>(img.view.clone(), c, bins[c]))
-                << "channel " << c << " width " << w;
+        ASSERT_EQ(channels == 1 ? pxHistogramEven(img.ptr<T>(), img.step(), {w, h}, out[0], n[0],
+                                                  lo[0], hi[0])
+                                : pxHistogramEven(img.ptr<T>(), img.step(), {w, h}, out, n, lo, hi),
+                  pxStsNoErr);
+        for (int c = 0; c < channels; ++c) {
+            Bins const b = bins[c];
+            std::vector<int> want(b.n - 1, 0);
+            auto level = [&](int k) {
+                return b.lower + (std::int64_t(b.upper) - b.lower) * k / (b.n - 1);
+            };
+            for (int y = 0; y < h; ++y)
+                for (int i = c; i < w * channels; i += channels)
+                    for (int k = 0; k + 1 < b.n; ++k)
+                        want[k] += level(k) <= img.view.ptr<T>(y)[i] &&
+                                   img.view.ptr<T>(y)[i] < level(k + 1);
+            EXPECT_EQ(hist[c], want) << "channel " << c << " width " << w;
+        }
     }
 }
 
@@ -109,13 +94,13 @@ TYPED_TEST_SUITE(PxMinMax, MinMaxTypes);
 TYPED_TEST(PxMinMax, PerChannelExtremes) {
     using T = TypeParam;
     for (int channels : {1, 3})
-        for (int w : kWidths) {
+        for (int w : kxtest::kAwkwardWidths) {
             // A narrow band of noise, with the ends of the range in the last element of a row,
             // where a loop that stops one short would miss them.
-            PaddedMat img(3, w, typeOf<T>(channels));
+            PaddedMat img(3, w, kxtest::typeOf<T>(channels));
             kxtest::noise(3, w, img.view.type(), w, 100, 200).copyTo(img.view);
-            img.view.ptr<T>(1)[w * channels - 1] = Lim<T>::min();
-            img.view.ptr<T>(2)[w * channels - 1] = Lim<T>::max();
+            img.view.ptr<T>(1)[w * channels - 1] = std::numeric_limits<T>::min();
+            img.view.ptr<T>(2)[w * channels - 1] = std::numeric_limits<T>::max();
             T lo[3] = {7, 7, 7}, hi[3] = {7, 7, 7};
             ASSERT_EQ(pxMinMax(img.ptr<T>(), img.step(), {w, 3}, lo, hi, channels), 0);
             std::vector<cv::Mat> planes;

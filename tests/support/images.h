@@ -7,7 +7,9 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <string>
+#include <type_traits>
 
 #include <opencv2/core.hpp>
 
@@ -24,6 +26,29 @@ cv::Mat checkerboard(int rows, int cols, int type, int cell, double lo, double h
 
 // Uniform noise in [lo, hi) from a fixed seed (integers: lo..hi-1).
 cv::Mat noise(int rows, int cols, int type, std::uint64_t seed, double lo, double hi);
+
+// The widths every row loop must handle: a single pixel, less than one vector, one past a
+// multiple of the vector widths, and a long odd row.
+inline constexpr int kAwkwardWidths[] = {1, 7, 33, 4099};
+
+// The matrix type of `channels` elements of T.
+template <class T>
+int typeOf(int channels = 1) {
+    return CV_MAKETYPE(cv::DataType<T>::depth, channels);
+}
+
+// noise() over the whole range of T (0..1 for float), with the top of the range in the first
+// element and the bottom in the last, where a loop that stops short would miss them.
+template <class T>
+cv::Mat fullRangeNoise(int rows, int cols, int channels, std::uint64_t seed) {
+    bool const fp = std::is_floating_point_v<T>;
+    double const lo = fp ? 0.0 : std::numeric_limits<T>::min();
+    double const hi = fp ? 1.0 : std::numeric_limits<T>::max();
+    cv::Mat m = noise(rows, cols, typeOf<T>(channels), seed, lo, fp ? hi : hi + 1);
+    m.ptr<T>()[0] = T(hi);
+    m.ptr<T>(rows - 1)[cols * channels - 1] = T(lo);
+    return m;
+}
 
 // A photograph of data/ as 8-bit BGR, as OpenCV reads it. Fails the test when missing.
 cv::Mat photo(std::string const &name);
