@@ -11,7 +11,7 @@ TEST(Geometry, SizesBelowOneAreEmptyAndRectanglesCompareAllFourFields) {
     EXPECT_FALSE(TSize(1, 1).isEmpty());
     TRect const r(TPoint(1, 2), TSize(3, 4));
     EXPECT_EQ(r, TRect(1, 2, 3, 4));
-    EXPECT_TRUE(r.origin().x == 1 && r.origin().y == 2);
+    EXPECT_EQ(TRect(r.origin(), r.size()), r);
     EXPECT_EQ(r.size(), TSize(3, 4));
     EXPECT_NE(r, TRect(1, 2, 3, 5));
     EXPECT_NE(r, TRect(0, 2, 3, 4));

@@ -1,6 +1,7 @@
 #include "kestrix1/frame/t_uid.h"
 
 #include <climits>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -18,15 +19,16 @@ TEST(TUid, StampsComeFromOneCounterThatSkipsZeroOnWrap) {
     EXPECT_EQ(a.id(), 5);
     EXPECT_EQ(kxPeekUid(), b.id() + 2);
     b = a;
-    EXPECT_TRUE(b.id() == 5 && b.m_owner_p == &owner);
+    EXPECT_EQ(b.id(), 5);
+    EXPECT_EQ(b.m_owner_p, &owner);
 
     int const saved = kxPeekUid();
     kxSetUidCounter(-1);
     TUid c, d;
-    EXPECT_TRUE(c.id() == -1 && d.id() == 1) << c.id() << " " << d.id();
+    EXPECT_EQ(std::make_pair(c.id(), d.id()), std::make_pair(-1, 1));
     kxSetUidCounter(INT_MAX);
     TUid e, f;
-    EXPECT_TRUE(e.id() == INT_MAX && f.id() == INT_MIN) << e.id() << " " << f.id();
+    EXPECT_EQ(std::make_pair(e.id(), f.id()), std::make_pair(INT_MAX, INT_MIN));
     kxSetUidCounter(saved);
 }
 

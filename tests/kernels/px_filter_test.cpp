@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 #include <type_traits>
 #include <vector>
 
@@ -18,14 +17,10 @@
 namespace {
 
 using kxtest::PaddedMat;
+using kxtest::topOf;
 
 template <class T>
 constexpr bool kFloat = std::is_floating_point_v<T>;
-
-template <class T>
-double topOf() {
-    return kFloat<T> ? 1.0 : double(std::numeric_limits<T>::max());
-}
 
 // The widths every kernel must handle, and a region large enough to be split among threads.
 IppiSize const kSizes[] = {{1, 3}, {7, 4}, {33, 3}, {4099, 3}, {4099, 9}};

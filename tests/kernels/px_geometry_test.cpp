@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 #include <type_traits>
 #include <vector>
 
@@ -13,14 +12,10 @@
 namespace {
 
 using kxtest::PaddedMat;
+using kxtest::topOf;
 
 template <class T>
 constexpr bool kFloat = std::is_floating_point_v<T>;
-
-template <class T>
-double topOf() {
-    return kFloat<T> ? 1.0 : double(std::numeric_limits<T>::max());
-}
 
 template <class T>
 class PxGeometry : public ::testing::Test {};

@@ -37,13 +37,22 @@ int typeOf(int channels = 1) {
     return CV_MAKETYPE(cv::DataType<T>::depth, channels);
 }
 
-// noise() over the whole range of T (0..1 for float), with the top of the range in the first
-// element and the bottom in the last, where a loop that stops short would miss them.
+// The ends of the range of pixel values of T: those of the type, 0 and 1 for float.
+template <class T>
+double bottomOf() {
+    return std::is_floating_point_v<T> ? 0.0 : double(std::numeric_limits<T>::min());
+}
+template <class T>
+double topOf() {
+    return std::is_floating_point_v<T> ? 1.0 : double(std::numeric_limits<T>::max());
+}
+
+// noise() over the whole range of T, with the top of the range in the first element and the
+// bottom in the last, where a loop that stops short would miss them.
 template <class T>
 cv::Mat fullRangeNoise(int rows, int cols, int channels, std::uint64_t seed) {
+    double const lo = bottomOf<T>(), hi = topOf<T>();
     bool const fp = std::is_floating_point_v<T>;
-    double const lo = fp ? 0.0 : std::numeric_limits<T>::min();
-    double const hi = fp ? 1.0 : std::numeric_limits<T>::max();
     cv::Mat m = noise(rows, cols, typeOf<T>(channels), seed, lo, fp ? hi : hi + 1);
     m.ptr<T>()[0] = T(hi);
     m.ptr<T>(rows - 1)[cols * channels - 1] = T(lo);
