@@ -19,21 +19,20 @@ void use(void *p, std::size_t bytes) {
     pxFree(p);
 }
 
-// Vectors of `len` elements, and images whose step is a multiple of kxAlign that holds a row.
+// Vectors of `len` elements, and images of three channels whose step is a multiple of kxAlign
+// that holds a row.
 template <class V, class I>
 void checkAllocators(V *(*vector)(int), I *(*image)(int, int, int, int *)) {
     for (int len : {1, 3, 64, 1000, 1 << 20})
         use(vector(len), sizeof(V) * len);
     EXPECT_TRUE(vector(0) == nullptr && vector(-1) == nullptr);
     int step = -1;
-    for (int channels : {1, 3, 4})
-        for (int width : kxtest::kAwkwardWidths) {
-            I *p = image(width, 3, channels, &step);
-            EXPECT_EQ(step % kxAlign, 0) << width << " x " << channels;
-            EXPECT_GE(step, width * channels * int(sizeof(I))) << width << " x " << channels;
-            use(p, std::size_t(step) * 3);
-        }
-    for (auto [w, h, c] : {std::array{0, 3, 1}, {3, 0, 1}, {3, 3, 0}, {-2, 3, 1}})
+    for (int width : kxtest::kAwkwardWidths) {
+        I *p = image(width, 3, 3, &step);
+        EXPECT_TRUE(step % kxAlign == 0 && step >= width * 3 * int(sizeof(I))) << step;
+        use(p, std::size_t(step) * 3);
+    }
+    for (auto [w, h, c] : {std::array{0, 3, 1}, {3, 0, 1}, {3, 3, 0}, {1 << 30, 1, 4}})
         EXPECT_EQ(image(w, h, c, &step), nullptr) << w << "x" << h << "x" << c;
 }
 
