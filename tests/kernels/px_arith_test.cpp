@@ -5,69 +5,43 @@
 #include <vector>
 
 #include "kestrix1/kernels/px_arith.h"
-#include "tests/support/images.h"
+#include "tests/support/elementwise.h"
 
 namespace {
 
-using kxtest::PaddedMat;
-
-// A float region of values in [lo, hi) with `extra` bytes after each row, so that operands
-// have different steps.
-PaddedMat floats(int rows, int cols, std::uint64_t seed, double lo, double hi, int extra) {
-    PaddedMat m(rows, cols, CV_32F, extra);
-    kxtest::noise(rows, cols, CV_32F, seed, lo, hi).copyTo(m.view);
-    return m;
-}
-
-using Binary = PxStatus (*)(float const *, int, float const *, int, float *, int, IppiSize);
-using BinaryInPlace = PxStatus (*)(float const *, int, float *, int, IppiSize);
-
-// Every operation out of place and over its second operand, on operands of both signs (the
-// source without zeros, for the divisions); squares and sums with a constant likewise.
-TEST(PxArithmetic, OperationsTakeOperandsInOrderInEveryForm) {
-    struct {
-        Binary outOfPlace;
-        BinaryInPlace inPlace;
-        float (*op)(float a, float b);  // for source a and second operand b
-    } const cases[] = {{pxAdd, pxAdd, [](float a, float b) { return a + b; }},
-                       {pxSub, pxSub, [](float a, float b) { return b - a; }},
-                       {pxMul, pxMul, [](float a, float b) { return a * b; }},
-                       {pxDiv, pxDiv, [](float a, float b) { return b / a; }}};
-    for (int w : kxtest::kAwkwardWidths) {
-        PaddedMat a = floats(3, w, w, 0.5, 4.0, 24), dst(3, w, CV_32F, 40);
-        cv::Mat const a0 = a.view.clone();
-        IppiSize const z{w, 3};
-        for (auto const &c : cases) {
-            SCOPED_TRACE(::testing::Message() << "operation " << &c - cases << " width " << w);
-            PaddedMat b = floats(3, w, w + 1, -8.0, 8.0, 8);
-            cv::Mat const b0 = b.view.clone();
-            ASSERT_EQ(c.outOfPlace(a.ptr<float>(), a.step(), b.ptr<float>(), b.step(),
-                                   dst.ptr<float>(), dst.step(), z),
-                      pxStsNoErr);
-            int wrong = 0;
-            for (int i = 0; i < 3 * w; ++i)
-                wrong += dst.view.at<float>(i / w, i % w) !=
-                         c.op(a0.at<float>(i / w, i % w), b0.at<float>(i / w, i % w));
-            EXPECT_EQ(wrong, 0);
-            ASSERT_EQ(c.inPlace(a.ptr<float>(), a.step(), b.ptr<float>(), b.step(), z), 0);
-            EXPECT_TRUE(dst.paddingIntact() && b.paddingIntact());
-            EXPECT_EQ(cv::norm(b.view, dst.view, cv::NORM_INF), 0.0) << "in place";
-        }
-        ASSERT_EQ(pxSqr(a.ptr<float>(), a.step(), dst.ptr<float>(), dst.step(), z), 0);
-        EXPECT_EQ(cv::norm(dst.view, a0.mul(a0), cv::NORM_INF), 0.0);
-        ASSERT_EQ(pxAddC(a.ptr<float>(), a.step(), -2.5f, dst.ptr<float>(), dst.step(), z), 0);
-        EXPECT_EQ(cv::norm(dst.view, a0 - 2.5, cv::NORM_INF), 0.0);
-        EXPECT_EQ(cv::norm(a.view, a0, cv::NORM_INF), 0.0) << "source changed";
-        // In place: (a - 2.5)^2.
-        ASSERT_EQ(pxAddC(a.ptr<float>(), a.step(), z, -2.5f), 0);
-        ASSERT_EQ(pxSqr(a.ptr<float>(), a.step(), z), 0);
-        EXPECT_TRUE(a.paddingIntact() && dst.paddingIntact());
-        EXPECT_EQ(cv::norm(a.view, dst.view.mul(dst.view), cv::NORM_INF), 0.0);
-    }
-    std::vector<float> a(12, 1.0f), d(12, 5.0f);
-    EXPECT_EQ(pxAdd(nullptr, 16, a.data(), 16, d.data(), 16, {4, 3}), pxStsNullPtrErr);
-    EXPECT_EQ(pxDiv(a.data(), 16, a.data(), 16, d.data(), 18, {4, 3}), pxStsStepErr);
-    EXPECT_EQ(pxSqr(a.data(), 16, d.data(), 16, {4, -1}), pxStsSizeErr);
+// Every operation on the checked region b: out of place, and over b in place. The first
+// operand a is negative, so that results take both signs, has no zeros to divide by, and a
+// row step past its width.
+TEST(PxArithmetic, EveryFormTakesOperandsInOrder) {
+    cv::Mat const a = kxtest::noise(8, 4100, CV_32F, 7, -4.0, -0.25);
+    float const *pa = a.ptr<float>();
+    int const as = int(a.step);
+    auto both = [](auto want, auto outOfPlace, auto inPlace) {
+        kxtest::forEachWidth<float>(1, 8, false, 0, want, outOfPlace);
+        kxtest::forEachWidth<float>(1, 8, true, 0, want, inPlace);
+    };
+    both([&](double b, int y, int i, auto) { return a.at<float>(y, i) + float(b); },
+         [&](auto c) { return pxAdd(pa, as, c.s, c.ss, c.d, c.ds, c.z); },
+         [&](auto c) { return pxAdd(pa, as, c.d, c.ds, c.z); });
+    both([&](double b, int y, int i, auto) { return float(b) - a.at<float>(y, i); },
+         [&](auto c) { return pxSub(pa, as, c.s, c.ss, c.d, c.ds, c.z); },
+         [&](auto c) { return pxSub(pa, as, c.d, c.ds, c.z); });
+    both([&](double b, int y, int i, auto) { return a.at<float>(y, i) * float(b); },
+         [&](auto c) { return pxMul(pa, as, c.s, c.ss, c.d, c.ds, c.z); },
+         [&](auto c) { return pxMul(pa, as, c.d, c.ds, c.z); });
+    both([&](double b, int y, int i, auto) { return float(b) / a.at<float>(y, i); },
+         [&](auto c) { return pxDiv(pa, as, c.s, c.ss, c.d, c.ds, c.z); },
+         [&](auto c) { return pxDiv(pa, as, c.d, c.ds, c.z); });
+    both([](double b, auto...) { return float(b) * float(b); },
+         [](auto c) { return pxSqr(c.s, c.ss, c.d, c.ds, c.z); },
+         [](auto c) { return pxSqr(c.d, c.ds, c.z); });
+    both([](double b, auto...) { return float(b) - 2.5f; },
+         [](auto c) { return pxAddC(c.s, c.ss, -2.5f, c.d, c.ds, c.z); },
+         [](auto c) { return pxAddC(c.d, c.ds, c.z, -2.5f); });
+    std::vector<float> b(12, 1.0f), d(12, 5.0f);
+    EXPECT_EQ(pxAdd(nullptr, 16, b.data(), 16, d.data(), 16, {4, 3}), pxStsNullPtrErr);
+    EXPECT_EQ(pxDiv(b.data(), 16, b.data(), 16, d.data(), 18, {4, 3}), pxStsStepErr);
+    EXPECT_EQ(pxSqr(b.data(), 16, d.data(), 16, {4, -1}), pxStsSizeErr);
     EXPECT_EQ(std::count(d.begin(), d.end(), 5.0f), 12) << "changed on a failing call";
 }
 

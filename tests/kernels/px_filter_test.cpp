@@ -72,7 +72,9 @@ void checkFilter(int margin, bool inPlace, Window win, std::vector<double> const
                 }
                 wrong += std::fabs(dst.view.at<T>(y, x) - r) > tol;
             }
-        EXPECT_EQ(wrong, 0) << size.width << "x" << size.height;
+        EXPECT_EQ(wrong, 0) << size.width << "x" << size.height << ", mask " << win.mask.width
+                            << "x" << win.mask.height << (inPlace ? " in place" : "") << ", op "
+                            << op;
     }
 }
 
@@ -87,8 +89,6 @@ TYPED_TEST(PxFilter, BoxAndGaussMatchReference) {
     for (Window win : {Window{{3, 3}, {1, 1}}, Window{{5, 3}, {0, 2}}, Window{{1, 4}, {0, 3}},
                        Window{{2, 2}, {1, 0}}, Window{{2, 1}, {1, 0}}})
         for (bool inPlace : {false, true}) {
-            SCOPED_TRACE(::testing::Message() << "mask " << win.mask.width << "x" << win.mask.height
-                                              << (inPlace ? " in place" : ""));
             int const area = win.mask.width * win.mask.height;
             checkFilter<T>(5, inPlace, win, std::vector<double>(area, 1.0 / area), 0,
                            [&](T *s, int ss, T *d, int ds, IppiSize z) {

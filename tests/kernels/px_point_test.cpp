@@ -8,53 +8,14 @@
 #include <vector>
 
 #include "kestrix1/kernels/px_point.h"
-#include "tests/support/images.h"
+#include "tests/support/elementwise.h"
 
 namespace {
 
 template <class T>
 using Lim = std::numeric_limits<T>;
 
-// Pointers, steps and size of one kernel call.
-template <class S, class D>
-struct Call {
-    S *s;
-    int ss;
-    D *d;
-    int ds;
-    IppiSize z;
-};
-
-// For every awkward width: run(call) from a padded region of full-range noise into a padded
-// target with another step (inPlace: the target starts as a copy of the source). Element i
-// of row y of dst must be want(v, y, i, at) within tol, for v the source's element there and
-// at(y, i) any source element. Called again from inside a parallel region, where it runs on
-// the calling thread, the kernel must give the same.
-template <class S, class D = S, class Want, class Run>
-void eachWidth(int channels, int rows, bool inPlace, double tol, Want want, Run run) {
-    for (int w : kxtest::kAwkwardWidths) {
-        kxtest::PaddedMat src(rows, w, kxtest::typeOf<S>(channels));
-        kxtest::PaddedMat dst(rows, w, kxtest::typeOf<D>(channels), 8);
-        kxtest::fullRangeNoise<S>(rows, w, channels, w + channels).copyTo(src.view);
-        Call<S, D> const call{src.ptr<S>(), src.step(), dst.ptr<D>(), dst.step(), {w, rows}};
-        if (inPlace) src.view.copyTo(dst.view);
-        ASSERT_EQ(run(call), 0);
-        auto at = [&](int y, int i) { return double(src.view.ptr<S>(y)[i]); };
-        int wrong = 0;
-        for (int y = 0; y < rows; ++y)
-            for (int i = 0; i < w * channels; ++i)
-                wrong += std::fabs(dst.view.ptr<D>(y)[i] - double(want(at(y, i), y, i, at))) > tol;
-        cv::Mat const once = dst.view.clone();
-        if (inPlace) src.view.copyTo(dst.view);
-        PxStatus nested = -1;
-#pragma omp parallel num_threads(2)
-#pragma omp single
-        nested = run(call);
-        EXPECT_TRUE(wrong == 0 && dst.paddingIntact() && nested == 0 &&
-                    cv::norm(dst.view, once, cv::NORM_INF) == 0)
-            << wrong << " wrong at width " << w;
-    }
-}
+using kxtest::forEachWidth;
 
 TEST(PxLutPalette, EveryFormAndIndexWidth) {
     auto check = [](auto source, auto target, std::initializer_list<int> bitSizes) {
@@ -64,7 +25,7 @@ TEST(PxLutPalette, EveryFormAndIndexWidth) {
             std::vector<D> table(std::size_t(1) << bits);
             for (std::size_t i = 0; i < table.size(); ++i)
                 table[i] = D((i * 2654435761u >> 5) % (std::size_t(Lim<D>::max()) + 1));
-            eachWidth<S, D>(
+            forEachWidth<S, D>(
                 1, 8, false, 0,
                 [&](double v, auto...) { return table[unsigned(v) % table.size()]; },
                 [&](auto c) {
@@ -101,21 +62,22 @@ TYPED_TEST(PxColorTwist, EveryFormMatchesReference) {
         int const p = i / 3 * 3;
         return twisted(i % 3, at(y, p), at(y, p + 1), at(y, p + 2));
     };
-    eachWidth<T>(3, 4, false, tol, packed,
-                 [&](auto c) { return pxColorTwist(c.s, c.ss, c.d, c.ds, c.z, t); });
-    eachWidth<T>(3, 4, true, tol, packed, [&](auto c) { return pxColorTwist(c.d, c.ds, c.z, t); });
+    forEachWidth<T>(3, 4, false, tol, packed,
+                    [&](auto c) { return pxColorTwist(c.s, c.ss, c.d, c.ds, c.z, t); });
+    forEachWidth<T>(3, 4, true, tol, packed,
+                    [&](auto c) { return pxColorTwist(c.d, c.ds, c.z, t); });
     if constexpr (!std::is_signed_v<T>) {
         // Three planes of three rows stacked in one region share its step.
         auto planar = [&](double, int y, int i, auto at) {
             return twisted(y / 3, at(y % 3, i), at(y % 3 + 3, i), at(y % 3 + 6, i));
         };
         auto third = [](auto *p, int step, int k) { return p + k * 3 * step / int(sizeof(T)); };
-        eachWidth<T>(1, 9, false, tol, planar, [&](auto c) {
+        forEachWidth<T>(1, 9, false, tol, planar, [&](auto c) {
             T const *const in[3] = {c.s, third(c.s, c.ss, 1), third(c.s, c.ss, 2)};
             T *const out[3] = {c.d, third(c.d, c.ds, 1), third(c.d, c.ds, 2)};
             return pxColorTwist(in, c.ss, out, c.ds, {c.z.width, 3}, t);
         });
-        eachWidth<T>(1, 9, true, tol, planar, [&](auto c) {
+        forEachWidth<T>(1, 9, true, tol, planar, [&](auto c) {
             T *const io[3] = {c.d, third(c.d, c.ds, 1), third(c.d, c.ds, 2)};
             return pxColorTwist(io, c.ds, {c.z.width, 3}, t);
         });
@@ -136,13 +98,13 @@ TEST(PxColorTwistRounding, HalvesGoToEven) {
 template <class T>
 void checkFills(T value) {
     cv::Mat const mask = kxtest::noise(8, 4100, CV_8U, 5, 0, 3);
-    eachWidth<T>(
+    forEachWidth<T>(
         1, 8, true, 0,
         [&](double v, int y, int i, auto) { return mask.at<std::uint8_t>(y, i) ? value : v; },
         [&](auto c) { return pxSetMasked(c.d, c.ds, c.z, value, mask.data, int(mask.step)); });
     auto all = [&](auto...) { return value; };
-    eachWidth<T>(1, 8, false, 0, all, [&](auto c) { return pxSet(c.d, c.ds, c.z, value); });
-    eachWidth<T>(1, 1, false, 0, all, [&](auto c) { return pxSet(c.d, c.z.width, value); });
+    forEachWidth<T>(1, 8, false, 0, all, [&](auto c) { return pxSet(c.d, c.ds, c.z, value); });
+    forEachWidth<T>(1, 1, false, 0, all, [&](auto c) { return pxSet(c.d, c.z.width, value); });
 }
 
 // Values computed in float; integers take trunc(v + 0.5), 0 below zero and the maximum from
@@ -157,8 +119,8 @@ void checkRamp(float offset, float slope) {
                : v >= top - 0.5            ? top
                                            : std::trunc(double(v) + 0.5);
     };
-    eachWidth<T>(1, 1, false, 0, want,
-                 [&](auto c) { return pxVectorRamp(c.d, c.z.width, offset, slope); });
+    forEachWidth<T>(1, 1, false, 0, want,
+                    [&](auto c) { return pxVectorRamp(c.d, c.z.width, offset, slope); });
 }
 
 TEST(PxFillAndRamp, WriteOnlyTheirPixelsByTheirRules) {
@@ -173,22 +135,22 @@ TEST(PxFillAndRamp, WriteOnlyTheirPixelsByTheirRules) {
 
 TEST(PxByteOperations, MatchTheirRules) {
     using B = std::uint8_t;
-    eachWidth<B>(
+    forEachWidth<B>(
         1, 8, true, 0, [](double v, auto...) { return int(v) ^ 0x5A; },
         [](auto c) { return pxXorC(c.d, c.ds, c.z, 0x5A); });
-    eachWidth<B>(
+    forEachWidth<B>(
         1, 8, true, 0, [](double v, auto...) { return std::max(v, 100.0); },
         [](auto c) { return pxThresholdLess(c.d, c.ds, c.z, 100); });
-    eachWidth<B>(
+    forEachWidth<B>(
         1, 8, true, 0, [](double v, auto...) { return std::max(v - 77, 0.0); },
         [](auto c) { return pxSubC(c.d, c.ds, c.z, 77); });
-    eachWidth<B>(
+    forEachWidth<B>(
         1, 8, false, 0, [](double v, auto...) { return std::clamp(v, 40.0, 200.0); },
         [](auto c) { return pxThresholdLessGreater(c.s, c.ss, c.d, c.ds, c.z, 40, 200); });
     // The widest noise holds every byte value; nearbyint rounds halves to even.
     for (int value : {0, 1, 3, 5, 100, 255})
         for (int scale : {0, 1, 2, 7, 8, 16})
-            eachWidth<B>(
+            forEachWidth<B>(
                 1, 8, true, 0,
                 [&](double v, auto...) {
                     return std::min(255.0, std::nearbyint(v * value / std::ldexp(1, scale)));
@@ -235,7 +197,7 @@ TYPED_TEST(PxLutLinear, OneAndThreeChannelsMatchReference) {
     int const *values[3] = {curves[0].v.data(), curves[1].v.data(), curves[2].v.data()};
     int const n[3] = {5, 2, 3};
     for (int ch : {1, 3})
-        eachWidth<T>(
+        forEachWidth<T>(
             ch, 8, false, 0,
             [&](double v, int, int i, auto) { return mapped<T>(curves[i % ch], v); },
             [&](auto c) {
