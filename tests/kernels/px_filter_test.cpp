@@ -154,11 +154,9 @@ TEST(PxFilterArguments, FailingCallsReportAndLeaveTheOutputAlone) {
     EXPECT_EQ(pxFilterBox(s, ss, s, 7, size, m, {1, 1}), pxStsStepErr);
     EXPECT_EQ(pxFilterBox(s, ss, s, ss, size, m, {3, 1}), pxStsBadArgErr);  // outside the mask
     EXPECT_EQ(pxFilterBoxInPlace(s, ss, size, {0, 3}, {0, 0}), pxStsBadArgErr);
-    EXPECT_EQ(pxFilterBoxInPlace(s, 5, size, m, {1, 1}), pxStsStepErr);
     EXPECT_EQ(pxFilterGauss5x5(s, ss, s, ss, {8, -1}), pxStsSizeErr);
     EXPECT_EQ(pxErode(s, ss, s, ss, size, nullptr, m, {1, 1}), pxStsNullPtrErr);
     EXPECT_EQ(pxErode(s, ss, s, ss, size, ones, {3, 0}, {0, 0}), pxStsBadArgErr);
-    EXPECT_EQ(pxErode(s, ss, s, ss, size, ones, m, {1, 3}), pxStsBadArgErr);
     EXPECT_EQ(pxDilate(s, ss, s, ss, size, zeros, m, {1, 1}), pxStsBadArgErr);  // an empty mask
     EXPECT_EQ(pxDilate(s, ss, s, 4, size, ones, m, {1, 1}), pxStsStepErr);
     EXPECT_EQ(pxMin3x3(nullptr, 16, {2, 2}), pxStsNullPtrErr);

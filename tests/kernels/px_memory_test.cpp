@@ -20,7 +20,7 @@ void use(void *p, std::size_t bytes) {
 }
 
 // Vectors of `len` elements, and images of three channels whose step is a multiple of kxAlign
-// that holds a row.
+// that holds a row; null for sizes below one and rows past 2 GB.
 template <class V, class I>
 void checkAllocators(V *(*vector)(int), I *(*image)(int, int, int, int *)) {
     for (int len : {1, 3, 64, 1000, 1 << 20})
@@ -40,16 +40,14 @@ TEST(PxMemory, BlocksAreAlignedAndNullBelowOne) {
     checkAllocators(ippsMalloc_8u, pxMallocImage_8u);
     checkAllocators(pxMalloc_16u, pxMallocImage_16u);
     checkAllocators(pxMalloc_32f, pxMallocImage_32f);
-    for (int len : {1, 1000})
-        use(pxMalloc_32s(len), 4 * len);
+    use(pxMalloc_32s(1000), 4000);
     EXPECT_EQ(pxMalloc_32s(0), nullptr);
     pxFree(nullptr);
 }
 
 TEST(PxMemory, TempPlanesAreContinuousLargeOnesOnHugePageBoundaries) {
     cv::Mat const small = pxTempPlane(3, 5, CV_16UC1);
-    EXPECT_TRUE(small.isContinuous());
-    EXPECT_EQ(small.size(), cv::Size(5, 3));
+    EXPECT_TRUE(small.isContinuous() && small.size() == cv::Size(5, 3));
     cv::Mat large = pxTempPlane(1024, 1025, CV_32FC1);
     EXPECT_EQ(reinterpret_cast<std::uintptr_t>(large.data) % (std::size_t(2) << 20), 0u);
     large.setTo(1.0f);
