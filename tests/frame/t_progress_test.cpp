@@ -4,129 +4,63 @@
 
 #include <gtest/gtest.h>
 
-namespace {
-
-// Records what the host sees and answers with `answer`.
-struct Host {
-    std::vector<int> seen;
-    bool answer = true;
-
+// A progress object whose host records what it sees and answers with `answer`.
+class TProgressTest : public ::testing::Test {
+protected:
     static bool callback(int thousandths, void *user) {
-        auto *self = static_cast<Host *>(user);
+        auto *self = static_cast<TProgressTest *>(user);
         self->seen.push_back(thousandths);
         return self->answer;
     }
+
+    std::vector<int> seen;
+    bool answer = true;
+    TProgress p{&callback, this};
 };
 
-}  // namespace
-
-TEST(TProgress, StartsWithOneStageOfOneHundredSteps) {
-    TProgress p;
+TEST_F(TProgressTest, ReportsThousandthsOfTheStageStack) {
+    EXPECT_TRUE(p.prog());  // one stage of 100 steps
+    p.prog(25, 100);
+    p.start(0.5f);
+    p.prog(50, 100);  // a quarter + half of a half
+    p.start(0.5f);
+    p.prog(1, 4);  // + a quarter of a quarter
+    p.prog();      // + two quarters of a quarter
+    p.done();      // whatever stages were open
+    p.start(0.5f);
+    p.reset();  // back to one stage at 0, without reporting
+    EXPECT_EQ(seen, (std::vector<int>{10, 250, 500, 562, 625, 1000}));
     EXPECT_EQ(p.m_fractions, std::vector<float>{1.0f});
-    EXPECT_EQ(p.m_totals, std::vector<int>{100});
     EXPECT_EQ(p.m_counts, std::vector<int>{0});
-    EXPECT_EQ(p.m_callback_p, nullptr);
-    EXPECT_EQ(p.m_user_p, nullptr);
-    EXPECT_TRUE(p.prog());  // no host, nothing to cancel
 }
 
-TEST(TProgress, ReportsThousandthsOfTheStageStack) {
-    Host host;
-    TProgress p(&Host::callback, &host);
-    EXPECT_TRUE(p.prog(25, 100));
-    p.start(0.5f);
-    EXPECT_TRUE(p.prog(50, 100));  // a quarter + half of a half
-    EXPECT_EQ(p.m_counts.front(), 25);  // the parent's count stays while a child runs
-    p.start(0.5f);
-    EXPECT_TRUE(p.prog(1, 4));  // + a quarter of a quarter
-    EXPECT_TRUE(p.prog());      // + two quarters of a quarter
-    EXPECT_EQ(host.seen, (std::vector<int>{250, 500, 562, 625}));
-}
-
-TEST(TProgress, EndAdvancesTheParentByTheChildsShare) {
-    Host host;
-    TProgress p(&Host::callback, &host);
+TEST_F(TProgressTest, EndAdvancesTheParentByTheChildsShare) {
     p.start(0.5f);
     p.prog(100, 100);
-    EXPECT_TRUE(p.end());
-    EXPECT_EQ(p.m_counts, std::vector<int>{50});
-    EXPECT_EQ(p.m_totals, std::vector<int>{100});
-    EXPECT_EQ(p.m_fractions.size(), 1u);
-    EXPECT_EQ(host.seen.back(), 500);
-
-    // Nested: a third of a third adds trunc(count + total x fraction) at each level.
+    EXPECT_TRUE(p.end());  // the parent at 50 of 100
+    // Nested: each level adds trunc(count + total x fraction).
     p.start(1.0f / 3.0f);
     p.start(0.5f);
     p.end();  // child of 0.5 over a stage of 100: + 50
-    EXPECT_EQ(p.m_counts.back(), 50);
     p.end();  // 50 + trunc(100 / 3) = 83
-    EXPECT_EQ(p.m_counts, std::vector<int>{83});
-    EXPECT_EQ(host.seen.back(), 830);
+    p.end();  // closing the only stage reports 0; on the empty stack nothing moves
+    EXPECT_TRUE(p.end() && p.prog() && p.prog(5, 10));
+    EXPECT_EQ(seen, (std::vector<int>{500, 500, 666, 830, 0, 0, 0}));
 }
 
-TEST(TProgress, OverrunStretchesTheTotal) {
-    Host host;
-    TProgress p(&Host::callback, &host);
-    p.prog(5, 4);  // total becomes trunc(6 x 1.2) = 7
-    EXPECT_EQ(p.m_totals.back(), 7);
-    EXPECT_EQ(host.seen.back(), 714);
-    p.prog();  // 6 of 7
-    EXPECT_EQ(host.seen.back(), 857);
-    p.prog(1000, 100);  // stretched to 1201: stays below 1000
-    EXPECT_EQ(p.m_totals.back(), 1201);
-    EXPECT_EQ(host.seen.back(), 832);
+TEST_F(TProgressTest, OverrunStretchesTheTotalAndTheHostCancelsEachTime) {
+    p.prog(5, 4);             // total becomes trunc(6 x 1.2) = 7
+    p.prog();                 // 6 of 7
+    p.prog(1000, 100);        // stretched to 1201: stays below 1000
     p.m_totals.back() = 100;  // a count far past the total as the host left it
     p.m_counts.back() = 100;
     p.start(1.0f);
-    p.prog(100, 100);
-    EXPECT_EQ(host.seen.back(), 1000);  // 2.0 overall is capped
-}
-
-TEST(TProgress, NullUserPointerNeverCallsBack) {
-    Host host;
-    TProgress p(&Host::callback, nullptr);
-    host.answer = false;
-    EXPECT_TRUE(p.prog());
-    EXPECT_TRUE(p.prog(50, 100));
-    p.done();
-    EXPECT_TRUE(host.seen.empty());
-}
-
-TEST(TProgress, HostCancelsByAnsweringFalseEachTime) {
-    Host host;
-    host.answer = false;
-    TProgress p(&Host::callback, &host);
+    p.prog(100, 100);  // 2.0 overall is capped
+    EXPECT_EQ(seen, (std::vector<int>{714, 857, 832, 1000}));
+    answer = false;
     EXPECT_FALSE(p.prog());
-    EXPECT_FALSE(p.prog());  // no state remembers the cancel: the host is asked again
-    EXPECT_EQ(host.seen.size(), 2u);
-    p.start(0.5f);
-    EXPECT_FALSE(p.end());
-}
-
-TEST(TProgress, DoneReportsFullAndResetReportsNothing) {
-    Host host;
-    TProgress p(&Host::callback, &host);
-    p.start(0.25f);
-    p.start(0.5f);
-    p.prog(3, 10);
-    host.seen.clear();
-    p.done();
-    EXPECT_EQ(host.seen, std::vector<int>{1000});
-    EXPECT_EQ(p.m_counts, std::vector<int>{100});
-    EXPECT_EQ(p.m_totals, std::vector<int>{100});
-
-    p.start(0.5f);
-    p.reset();
-    EXPECT_EQ(host.seen.size(), 1u);
-    EXPECT_EQ(p.m_fractions, std::vector<float>{1.0f});
-    EXPECT_EQ(p.m_counts, std::vector<int>{0});
-}
-
-TEST(TProgress, EndOnAnEmptyStackDoesNothing) {
-    Host host;
-    TProgress p(&Host::callback, &host);
-    p.end();  // closes the only stage; the host sees 0
-    EXPECT_TRUE(p.m_totals.empty());
-    EXPECT_TRUE(p.end());
-    EXPECT_EQ(host.seen, std::vector<int>{0});
+    EXPECT_FALSE(p.end());  // no state remembers the cancel: the host is asked again
+    EXPECT_TRUE(TProgress(&callback, nullptr).prog(50, 100));  // a null user pointer silences
+    EXPECT_TRUE(TProgress().prog());                           // no host, nothing to cancel
+    EXPECT_EQ(seen.size(), 6u);
 }

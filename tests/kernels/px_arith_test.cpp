@@ -5,152 +5,75 @@
 #include <vector>
 
 #include "kestrix1/kernels/px_arith.h"
-#include "tests/support/images.h"
+#include "tests/support/elementwise.h"
 
 namespace {
 
-using kxtest::PaddedMat;
-
-int const kWidths[] = {1, 7, 33, 4099};
-
-// A float region of values in [lo, hi) with `extra` bytes after each row, so that operands
-// have different steps.
-PaddedMat floats(int rows, int cols, std::uint64_t seed, double lo, double hi, int extra) {
-    PaddedMat m(rows, cols, CV_32F, extra);
-    kxtest::noise(rows, cols, CV_32F, seed, lo, hi).copyTo(m.view);
-    return m;
-}
-
-using Binary = PxStatus (*)(float const *, int, float const *, int, float *, int, IppiSize);
-using BinaryInPlace = PxStatus (*)(float const *, int, float *, int, IppiSize);
-
-TEST(PxArithmetic, BinaryOperationsTakeOperandsInOrder) {
-    struct {
-        char const *name;
-        Binary outOfPlace;
-        BinaryInPlace inPlace;
-        float (*op)(float a, float b);  // for source a and second operand b
-    } const cases[] = {
-        {"add", pxAdd, pxAdd, [](float a, float b) { return a + b; }},
-        {"sub", pxSub, pxSub, [](float a, float b) { return b - a; }},
-        {"mul", pxMul, pxMul, [](float a, float b) { return a * b; }},
-        {"div", pxDiv, pxDiv, [](float a, float b) { return b / a; }},
+// Every operation on the checked region b: out of place, and over b in place. The first
+// operand a is negative, so that results take both signs, has no zeros to divide by, and a
+// row step past its width.
+TEST(PxArithmetic, EveryFormTakesOperandsInOrder) {
+    cv::Mat const a = kxtest::noise(8, 4100, CV_32F, 7, -4.0, -0.25);
+    float const *pa = a.ptr<float>();
+    int const as = int(a.step);
+    auto both = [](auto want, auto outOfPlace, auto inPlace) {
+        kxtest::forEachWidth<float>(1, 8, false, 0, want, outOfPlace);
+        kxtest::forEachWidth<float>(1, 8, true, 0, want, inPlace);
     };
-    for (auto const &c : cases)
-        for (int w : kWidths) {
-            // Operands of both signs, and a source without zeros for the divisions.
-            PaddedMat a = floats(3, w, w, 0.5, 4.0, 24), b = floats(3, w, w + 1, -8.0, 8.0, 8);
-            PaddedMat dst(3, w, CV_32F, 40);
-            cv::Mat const a0 = a.view.clone(), b0 = b.view.clone();
-            ASSERT_EQ(c.outOfPlace(a.ptr<float>(), a.step(), b.ptr<float>(), b.step(),
-                                   dst.ptr<float>(), dst.step(), {w, 3}),
-                      pxStsNoErr);
-            EXPECT_TRUE(dst.paddingIntact()) << c.name;
-            int wrong = 0;
-            for (int i = 0; i < 3 * w; ++i)
-                wrong += dst.view.at<float>(i / w, i % w) !=
-                         c.op(a0.at<float>(i / w, i % w), b0.at<float>(i / w, i % w));
-            EXPECT_EQ(wrong, 0) << c.name << " on width " << w;
-            // The in-place form overwrites the second operand and leaves the source.
-            ASSERT_EQ(c.inPlace(a.ptr<float>(), a.step(), b.ptr<float>(), b.step(), {w, 3}), 0);
-            EXPECT_TRUE(b.paddingIntact()) << c.name;
-            EXPECT_EQ(cv::norm(b.view, dst.view, cv::NORM_INF), 0.0) << c.name << " in place";
-            EXPECT_EQ(cv::norm(a.view, a0, cv::NORM_INF), 0.0) << c.name << " source changed";
-        }
-}
-
-TEST(PxArithmetic, SquareAndAddConstant) {
-    for (int w : kWidths) {
-        PaddedMat a = floats(4, w, 3 * w, -3.0, 3.0, 24), dst(4, w, CV_32F, 8);
-        cv::Mat const a0 = a.view.clone();
-        ASSERT_EQ(pxSqr(a.ptr<float>(), a.step(), dst.ptr<float>(), dst.step(), {w, 4}), 0);
-        EXPECT_EQ(cv::norm(dst.view, a0.mul(a0), cv::NORM_INF), 0.0);
-        ASSERT_EQ(pxAddC(a.ptr<float>(), a.step(), 2.5f, dst.ptr<float>(), dst.step(), {w, 4}), 0);
-        EXPECT_EQ(cv::norm(dst.view, a0 + 2.5, cv::NORM_INF), 0.0);
-        // In place: (a + 2.5)^2.
-        ASSERT_EQ(pxAddC(a.ptr<float>(), a.step(), {w, 4}, 2.5f), 0);
-        ASSERT_EQ(pxSqr(a.ptr<float>(), a.step(), {w, 4}), 0);
-        EXPECT_TRUE(a.paddingIntact() && dst.paddingIntact());
-        EXPECT_EQ(cv::norm(a.view, dst.view.mul(dst.view), cv::NORM_INF), 0.0);
-    }
-}
-
-TEST(PxArithmetic, FailingCallsReportAndLeaveTheOutputAlone) {
-    std::vector<float> a(12, 1.0f), b(12, 2.0f), d(12, 5.0f);
+    both([&](double b, int y, int i, auto) { return a.at<float>(y, i) + float(b); },
+         [&](auto c) { return pxAdd(pa, as, c.s, c.ss, c.d, c.ds, c.z); },
+         [&](auto c) { return pxAdd(pa, as, c.d, c.ds, c.z); });
+    both([&](double b, int y, int i, auto) { return float(b) - a.at<float>(y, i); },
+         [&](auto c) { return pxSub(pa, as, c.s, c.ss, c.d, c.ds, c.z); },
+         [&](auto c) { return pxSub(pa, as, c.d, c.ds, c.z); });
+    both([&](double b, int y, int i, auto) { return a.at<float>(y, i) * float(b); },
+         [&](auto c) { return pxMul(pa, as, c.s, c.ss, c.d, c.ds, c.z); },
+         [&](auto c) { return pxMul(pa, as, c.d, c.ds, c.z); });
+    both([&](double b, int y, int i, auto) { return float(b) / a.at<float>(y, i); },
+         [&](auto c) { return pxDiv(pa, as, c.s, c.ss, c.d, c.ds, c.z); },
+         [&](auto c) { return pxDiv(pa, as, c.d, c.ds, c.z); });
+    both([](double b, auto...) { return float(b) * float(b); },
+         [](auto c) { return pxSqr(c.s, c.ss, c.d, c.ds, c.z); },
+         [](auto c) { return pxSqr(c.d, c.ds, c.z); });
+    both([](double b, auto...) { return float(b) - 2.5f; },
+         [](auto c) { return pxAddC(c.s, c.ss, -2.5f, c.d, c.ds, c.z); },
+         [](auto c) { return pxAddC(c.d, c.ds, c.z, -2.5f); });
+    std::vector<float> b(12, 1.0f), d(12, 5.0f);
     EXPECT_EQ(pxAdd(nullptr, 16, b.data(), 16, d.data(), 16, {4, 3}), pxStsNullPtrErr);
-    EXPECT_EQ(pxSub(a.data(), 16, b.data(), 16, nullptr, 16, {4, 3}), pxStsNullPtrErr);
-    EXPECT_EQ(pxMul(a.data(), 16, b.data(), 12, d.data(), 16, {4, 3}), pxStsStepErr);
-    EXPECT_EQ(pxDiv(a.data(), 16, b.data(), 16, d.data(), 18, {4, 3}), pxStsStepErr);
-    EXPECT_EQ(pxDiv(a.data(), 16, b.data(), 16, {0, 3}), pxStsSizeErr);
-    EXPECT_EQ(pxSqr(a.data(), 16, d.data(), 16, {4, -1}), pxStsSizeErr);
-    EXPECT_EQ(pxAddC(a.data(), 15, 1.0f, d.data(), 16, {4, 3}), pxStsStepErr);
-    EXPECT_EQ(pxSub(a.data(), 16, b.data(), 8, {4, 3}), pxStsStepErr);
-    EXPECT_EQ(std::count(d.begin(), d.end(), 5.0f), 12);
-    EXPECT_EQ(std::count(b.begin(), b.end(), 2.0f), 12);
+    EXPECT_EQ(pxDiv(b.data(), 16, b.data(), 16, d.data(), 18, {4, 3}), pxStsStepErr);
+    EXPECT_EQ(pxSqr(b.data(), 16, d.data(), 16, {4, -1}), pxStsSizeErr);
+    EXPECT_EQ(std::count(d.begin(), d.end(), 5.0f), 12) << "changed on a failing call";
 }
 
-// A matrix at the given strides in bytes inside a buffer of floats.
-struct Strided {
-    Strided(int s1, int s2, double const *m = nullptr) : s1(s1), s2(s2) {
-        for (int k = 0; m && k < 9; ++k)
-            at(k / 3, k % 3) = float(m[k]);
-    }
-    float &at(int i, int j) { return data[(i * s1 + j * s2) / 4]; }
-    int s1, s2;
-    std::vector<float> data = std::vector<float>(40, -7.0f);
-};
-
-TEST(PxInvert3x3, KnownAndRandomInversesAndSingularMatrices) {
+TEST(PxInvert3x3, AdjugateOverDeterminantAtAnyStridesAndZerosWhenSingular) {
     // A zero in the first pivot position; the inverse has simple fractions.
-    double const a[9] = {0, 1, 2, 1, 0, 3, 4, -3, 8};
-    double const inv[9] = {-4.5, 7, -1.5, -2, 4, -1, 1.5, -2, 0.5};
+    float const m[9] = {0, 1, 2, 1, 0, 3, 4, -3, 8};
+    float const inv[9] = {-4.5, 7, -1.5, -2, 4, -1, 1.5, -2, 0.5};
     float buffer[9];
     // Packed row-major, transposed through the strides, and rows with a gap between them.
     int const layouts[][2] = {{12, 4}, {4, 12}, {20, 4}};
     for (auto const &in : layouts)
         for (auto const &out : layouts) {
-            Strided src(in[0], in[1], a), dst(out[0], out[1]);
-            std::vector<float> const srcBefore = src.data;
-            ASSERT_EQ(
-                pxInvert3x3(src.data.data(), in[0], in[1], buffer, dst.data.data(), out[0], out[1]),
-                pxStsNoErr);
+            std::vector<float> src(40, -7.0f), dst(40, -7.0f);
             for (int k = 0; k < 9; ++k)
-                EXPECT_NEAR(dst.at(k / 3, k % 3), inv[k], 1e-5)
-                    << k << " strides " << in[0] << "/" << in[1] << " -> " << out[0] << "/"
-                    << out[1];
-            EXPECT_EQ(src.data, srcBefore);
-            EXPECT_EQ(std::count(dst.data.begin(), dst.data.end(), -7.0f), 40 - 9) << "stray";
+                src[(k / 3 * in[0] + k % 3 * in[1]) / 4] = m[k];
+            std::vector<float> const srcBefore = src;
+            ASSERT_EQ(pxInvert3x3(src.data(), in[0], in[1], buffer, dst.data(), out[0], out[1]), 0);
+            for (int k = 0; k < 9; ++k)
+                EXPECT_NEAR(dst[(k / 3 * out[0] + k % 3 * out[1]) / 4], inv[k], 1e-5)
+                    << k << " of " << in[0] << "/" << in[1] << " -> " << out[0] << "/" << out[1];
+            EXPECT_EQ(src, srcBefore);
+            EXPECT_EQ(std::count(dst.begin(), dst.end(), -7.0f), 40 - 9) << "stray";
         }
     // Rank 2, two proportional rows, all zero: a status and zeros.
-    double const singular[][9] = {
+    float const singular[][9] = {
         {1, 2, 3, 4, 5, 6, 7, 8, 9}, {1, 2, 3, 2, 4, 6, 0, 0, 1}, {0, 0, 0, 0, 0, 0, 0, 0, 0}};
-    for (auto const &m : singular) {
-        Strided src(12, 4, m), dst(12, 4);
-        EXPECT_EQ(pxInvert3x3(src.data.data(), 12, 4, buffer, dst.data.data(), 12, 4),
-                  pxStsSingularErr);
-        EXPECT_EQ(std::count(dst.data.begin(), dst.data.begin() + 9, 0.0f), 9);
+    for (auto const &s : singular) {
+        float d[9] = {7, 7, 7, 7, 7, 7, 7, 7, 7};
+        EXPECT_EQ(pxInvert3x3(s, 12, 4, buffer, d, 12, 4), pxStsSingularErr);
+        EXPECT_EQ(std::count(d, d + 9, 0.0f), 9);
     }
-    float m[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1}, d[9] = {};
-    EXPECT_EQ(pxInvert3x3(nullptr, 12, 4, buffer, d, 12, 4), pxStsNullPtrErr);
-    EXPECT_EQ(pxInvert3x3(m, 12, 4, nullptr, d, 12, 4), pxStsNullPtrErr);
-    EXPECT_EQ(pxInvert3x3(m, 12, 4, buffer, nullptr, 12, 4), pxStsNullPtrErr);
-    // Random matrices times their inverses give the identity.
-    cv::RNG rng(2024);
-    for (int trial = 0; trial < 200; ++trial) {
-        // Diagonally dominant, so well conditioned; signs and sizes vary.
-        double r[9];
-        for (int k = 0; k < 9; ++k)
-            r[k] = rng.uniform(-1.0, 1.0) + (k % 4 == 0 ? 4.0 : 0.0);
-        if (trial % 2) std::swap_ranges(r, r + 3, r + 6);  // the largest pivot not on top
-        Strided src(12, 4, r), dst(4, 12);
-        ASSERT_EQ(pxInvert3x3(src.data.data(), 12, 4, buffer, dst.data.data(), 4, 12), 0);
-        for (int k = 0; k < 9; ++k) {
-            double p = 0;
-            for (int j = 0; j < 3; ++j)
-                p += double(src.at(k / 3, j)) * dst.at(j, k % 3);
-            ASSERT_NEAR(p, k / 3 == k % 3 ? 1.0 : 0.0, 1e-5) << "trial " << trial;
-        }
-    }
+    EXPECT_EQ(pxInvert3x3(m, 12, 4, nullptr, buffer, 12, 4), pxStsNullPtrErr);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "kestrix1/kernels/px_memory.h"
+#include "tests/support/images.h"
 
 namespace {
 
@@ -18,46 +19,35 @@ void use(void *p, std::size_t bytes) {
     pxFree(p);
 }
 
-template <class T>
-void checkVectors(T *(*alloc)(int)) {
+// Vectors of `len` elements, and images of three channels whose step is a multiple of kxAlign
+// that holds a row; null for sizes below one and rows past 2 GB.
+template <class V, class I>
+void checkAllocators(V *(*vector)(int), I *(*image)(int, int, int, int *)) {
     for (int len : {1, 3, 64, 1000, 1 << 20})
-        use(alloc(len), sizeof(T) * len);
-    EXPECT_EQ(alloc(0), nullptr);
-    EXPECT_EQ(alloc(-1), nullptr);
-}
-
-// Rows are aligned too: the step is a multiple of kxAlign that holds a row.
-template <class T>
-void checkImages(T *(*alloc)(int, int, int, int *)) {
+        use(vector(len), sizeof(V) * len);
+    EXPECT_TRUE(vector(0) == nullptr && vector(-1) == nullptr);
     int step = -1;
-    for (int channels : {1, 3, 4})
-        for (int width : {1, 7, 33, 4099}) {
-            T *p = alloc(width, 3, channels, &step);
-            EXPECT_EQ(step % kxAlign, 0) << width << " x " << channels;
-            EXPECT_GE(step, width * channels * int(sizeof(T))) << width << " x " << channels;
-            use(p, std::size_t(step) * 3);
-        }
-    for (auto [w, h, c] : {std::array{0, 3, 1}, {3, 0, 1}, {3, 3, 0}, {-2, 3, 1}})
-        EXPECT_EQ(alloc(w, h, c, &step), nullptr) << w << "x" << h << "x" << c;
+    for (int width : kxtest::kAwkwardWidths) {
+        I *p = image(width, 3, 3, &step);
+        EXPECT_TRUE(step % kxAlign == 0 && step >= width * 3 * int(sizeof(I))) << step;
+        use(p, std::size_t(step) * 3);
+    }
+    for (auto [w, h, c] : {std::array{0, 3, 1}, {3, 0, 1}, {3, 3, 0}, {1 << 30, 1, 4}})
+        EXPECT_EQ(image(w, h, c, &step), nullptr) << w << "x" << h << "x" << c;
 }
 
 TEST(PxMemory, BlocksAreAlignedAndNullBelowOne) {
-    checkVectors(ippsMalloc_8u);
-    checkVectors(pxMalloc_16u);
-    checkVectors(pxMalloc_32s);
-    checkVectors(pxMalloc_32f);
-    checkImages(pxMallocImage_8u);
-    checkImages(pxMallocImage_16u);
-    checkImages(pxMallocImage_32f);
+    checkAllocators(ippsMalloc_8u, pxMallocImage_8u);
+    checkAllocators(pxMalloc_16u, pxMallocImage_16u);
+    checkAllocators(pxMalloc_32f, pxMallocImage_32f);
+    use(pxMalloc_32s(1000), 4000);
+    EXPECT_EQ(pxMalloc_32s(0), nullptr);
     pxFree(nullptr);
 }
 
-}  // namespace
-
 TEST(PxMemory, TempPlanesAreContinuousLargeOnesOnHugePageBoundaries) {
     cv::Mat const small = pxTempPlane(3, 5, CV_16UC1);
-    EXPECT_TRUE(small.isContinuous());
-    EXPECT_EQ(small.size(), cv::Size(5, 3));
+    EXPECT_TRUE(small.isContinuous() && small.size() == cv::Size(5, 3));
     cv::Mat large = pxTempPlane(1024, 1025, CV_32FC1);
     EXPECT_EQ(reinterpret_cast<std::uintptr_t>(large.data) % (std::size_t(2) << 20), 0u);
     large.setTo(1.0f);
@@ -65,3 +55,5 @@ TEST(PxMemory, TempPlanesAreContinuousLargeOnesOnHugePageBoundaries) {
     large.release();
     EXPECT_EQ(shared.at<float>(1023, 1024), 1.0f);
 }
+
+}  // namespace

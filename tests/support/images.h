@@ -1,13 +1,10 @@
-// Deterministic test images for the kestrix1 tests.
-//
-// Generators give the same pixels on every run: ramps, step edges, flat planes,
-// checkerboards, seeded noise and the photographs of data/. PaddedMat puts a plane inside a
-// wider buffer, so that kernels see a row step larger than the width and the tests can check
-// that the bytes between rows stay untouched.
+// Deterministic test images, the photographs of data/ and planes amid sentinel bytes.
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <string>
+#include <type_traits>
 
 #include <opencv2/core.hpp>
 
@@ -28,28 +25,51 @@ cv::Mat noise(int rows, int cols, int type, std::uint64_t seed, double lo, doubl
 // A photograph of data/ as 8-bit BGR, as OpenCV reads it. Fails the test when missing.
 cv::Mat photo(std::string const &name);
 
-// A plane inside a parent buffer with extra bytes on every row and a row above and below,
-// all set to a sentinel byte.
+// Row widths to test: one pixel, less than a vector, one past vector multiples, a long row.
+inline constexpr int kAwkwardWidths[] = {1, 7, 33, 4099};
+
+template <class T>
+int typeOf(int channels = 1) {
+    return CV_MAKETYPE(cv::DataType<T>::depth, channels);
+}
+
+// The ends of the range of pixel values of T: those of the type, 0 and 1 for float.
+template <class T>
+double bottomOf() {
+    return std::is_floating_point_v<T> ? 0.0 : double(std::numeric_limits<T>::min());
+}
+template <class T>
+double topOf() {
+    return std::is_floating_point_v<T> ? 1.0 : double(std::numeric_limits<T>::max());
+}
+
+// noise() over the whole range of T, with the top of the range in the first element and the
+// bottom in the last, where a loop that stops short would miss them.
+template <class T>
+cv::Mat fullRangeNoise(int rows, int cols, int channels, std::uint64_t seed) {
+    double const lo = bottomOf<T>(), hi = topOf<T>();
+    cv::Mat m = noise(rows, cols, typeOf<T>(channels), seed, lo, hi + !std::is_floating_point_v<T>);
+    m.ptr<T>()[0] = T(hi);
+    m.ptr<T>(rows - 1)[cols * channels - 1] = T(lo);
+    return m;
+}
+
+// `view` amid sentinel bytes: extraBytes after every row and a row above and below. Kernels
+// see a row step above the width; paddingIntact tells whether the sentinels stayed.
 class PaddedMat {
 public:
     PaddedMat(int rows, int cols, int type, int extraBytes = 24);
-
-    // The region a kernel sees: cols x rows of `type`, with step = cols x elemSize + extra.
-    cv::Mat view;
-
-    // Pointer and step of the view, as the kernels take them.
     template <class T>
     T *ptr() {
         return view.ptr<T>();
     }
     int step() const { return static_cast<int>(view.step); }
-
-    // Whether every byte outside the view still holds the sentinel.
     bool paddingIntact() const;
+
+    cv::Mat view;
 
 private:
     cv::Mat parent_;
-    int extra_;
     static constexpr std::uint8_t kSentinel = 0xA5;
 };
 

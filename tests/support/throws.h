@@ -1,4 +1,3 @@
-// The text a library call throws, for comparing error texts exactly.
 #pragma once
 
 #include <functional>
@@ -6,7 +5,7 @@
 
 namespace kxtest {
 
-// Runs f and returns the char const * text it throws, or "(nothing thrown)".
+// The char const * text that f throws, or "(nothing thrown)": error texts compare exactly.
 inline std::string thrown(std::function<void()> const &f) {
     try {
         f();

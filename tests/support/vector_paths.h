@@ -1,5 +1,4 @@
-// Runs a check once for each width of hand-written vector loop the machine offers: AVX-512,
-// AVX2 and the portable loops, so that every path is compared with the same expectations.
+// Runs a check once for each vector loop the machine offers: AVX-512, AVX2 and portable.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,17 +10,13 @@ namespace kxtest {
 template <class Check>
 void forEachVectorPath(Check check) {
 #if KX_HAVE_AVX2_PATHS
-    struct Path {
-        KxVectors limit;
-        char const *name;
-    };
-    for (Path p : {Path{KxVectors::avx512, "AVX-512 loops"}, Path{KxVectors::avx2, "AVX2 loops"},
-                   Path{KxVectors::portable, "portable loops"}}) {
-        kxVectorLimit() = p.limit;
-        // A level the CPU lacks would only run the next one down again.
-        if (p.limit == KxVectors::avx512 && !kxHasAvx512()) continue;
-        if (p.limit == KxVectors::avx2 && !kxHasAvx2()) continue;
-        SCOPED_TRACE(p.name);
+    // A level the CPU lacks would only run the next one down again.
+    bool const has[] = {true, kxHasAvx2(), kxHasAvx512()};
+    char const *const names[] = {"portable loops", "AVX2 loops", "AVX-512 loops"};
+    for (int level = 2; level >= 0; --level) {
+        if (!has[level]) continue;
+        kxVectorLimit() = KxVectors(level);
+        SCOPED_TRACE(names[level]);
         check();
     }
     kxVectorLimit() = KxVectors::avx512;
