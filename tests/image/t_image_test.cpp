@@ -73,17 +73,15 @@ bool same(std::vector<cv::Mat> const &a, std::vector<cv::Mat> const &b) {
 
 // A uniform YCM picture.
 struct Uniform {
-    TImage Y{TImage::Y16U}, C{TImage::C8U2}, M{TImage::M8U};
-    Uniform(TSize size, u16 y, u8 c0, u8 c1, u8 m) {
-        TSize const half = TImage::dec2Size(size);
-        Y.resize(size);
-        C.resize(half);
-        M.resize(half);
+    Uniform(TSize s, u16 y, u8 c0, u8 c1, u8 m)
+        : Y(TImage::Y16U, s), C(TImage::C8U2, half(s)), M(TImage::M8U, half(s)) {
         Y.toMat().setTo(y);
         C.toMat(0).setTo(c0);
         C.toMat(1).setTo(c1);
         M.toMat().setTo(m);
     }
+    static TSize half(TSize s) { return TImage::dec2Size(s); }
+    TImage Y, C, M;
 };
 
 TEST(TImage, TypesSizesStepsAndResize) {
@@ -102,6 +100,9 @@ TEST(TImage, TypesSizesStepsAndResize) {
         cv::Mat const m = im.toMat();
         EXPECT_TRUE(m.type() == r.cvType && m.size() == cv::Size(7, 5) && m.data == im.m_data[0]);
         EXPECT_EQ(im.dataPtr(3, 2), im.m_data[0] + 3 * im.step() + 2 * r.pstep);
+        TImage copy(TImage::M8U);
+        copy = im;  // takes the type and a deep copy of the pixels
+        EXPECT_TRUE(copy.m_type == r.type && copy.m_data[0] != m.data && same(copy.toMat(), m));
     }
     TImage c(TImage::C8U2, TSize(3, 3));
     EXPECT_TRUE(c.m_data[1] != nullptr && c.toMat(1).data == c.m_data[1]);
@@ -122,7 +123,7 @@ TEST(TImage, TypesSizesStepsAndResize) {
     EXPECT_TRUE(im.size() == TSize(3, 2) && im.m_data[0] != nullptr);
 }
 
-TEST(TImage, CopiesAreDeepWrappedImagesAreLeftAloneAndPlanesChecked) {
+TEST(TImage, CopiesAreDeepPlanesCheckedAndRedAndBlueSwapped) {
     TImage c =
         image(TImage::C8U2, kxtest::ramp(3, 5, CV_8UC1), cv::Mat(3, 5, CV_8UC1, cv::Scalar(200)));
     TImage copy(c), y(TImage::Y16U, TSize(2, 2));
@@ -148,9 +149,7 @@ TEST(TImage, CopiesAreDeepWrappedImagesAreLeftAloneAndPlanesChecked) {
     kxtest::ramp(3, 6, CV_16UC1).copyTo(src.view);
     im.fromMat(src.view);
     EXPECT_TRUE(same(im.toMat(), src.view));
-}
 
-TEST(TImage, SwapRedAndBlue) {
     for (int type : {CV_8UC4, CV_16UC4}) {
         cv::Mat const src = kxtest::noise(3, 5, type, 7, 0, type == CV_8UC4 ? 256 : 65536);
         cv::Mat swapped;
@@ -161,16 +160,15 @@ TEST(TImage, SwapRedAndBlue) {
         im.swapC4RBCannel();
         EXPECT_TRUE(same(im.toMat(), src));
     }
-    TImage y(TImage::Y16U, TSize(2, 2));
-    EXPECT_EQ(thrown([&] { y.swapC4RBCannel(); }),
+    EXPECT_EQ(thrown([&] { im.swapC4RBCannel(); }),
               "ERROR -  TImage::swapC4RBCannel() - wrong type");
 
     // Wrapping with swapRB swaps the host's pixels in place, not the bytes between rows.
-    kxtest::PaddedMat host(2, 3, CV_16UC4);
-    host.view.setTo(cv::Scalar(1, 2, 3, 4));
-    TImage view(TSize(3, 2), host.ptr<unsigned short>(), host.step(), true);
-    EXPECT_EQ(host.view.at<cv::Vec4w>(1, 2), cv::Vec4w(3, 2, 1, 4));
-    EXPECT_TRUE(host.paddingIntact());
+    kxtest::PaddedMat wrapped(2, 3, CV_16UC4);
+    wrapped.view.setTo(cv::Scalar(1, 2, 3, 4));
+    TImage swapping(TSize(3, 2), wrapped.ptr<unsigned short>(), wrapped.step(), true);
+    EXPECT_EQ(wrapped.view.at<cv::Vec4w>(1, 2), cv::Vec4w(3, 2, 1, 4));
+    EXPECT_TRUE(wrapped.paddingIntact());
 }
 
 // Every way in: 16-bit pixels, 8-bit ones (widened by 256), and the host's blue, green, red,
@@ -232,36 +230,23 @@ TEST(TImage, YCMBackToRgbaByTheFormulas) {
         cv::Scalar const want(r, g, b, std::nearbyint(200 * 255.997));
         EXPECT_TRUE(same(out.toMat(), cv::Mat(size.height, size.width, CV_16UC4, want)));
     }
-    // Grey goes round both ways without change, in 16 and 8 bits.
-    cv::Mat const grey16(3, 5, CV_16UC4, cv::Scalar(23456, 23456, 23456, 65535));
-    cv::Mat const grey8(3, 5, CV_8UC4, cv::Scalar(77, 77, 77, 255));
-    TImage Y, C, M, back16, back8;
-    TImage::rgba16uToYCM(image(TImage::RGBA16U, grey16), Y, C, M);
-    back16.resize(Y.size());  // the 16-bit way back needs an output of Y's size
-    TImage::YCMToRgba16u(Y, C, M, back16);
-    // Opaque alpha comes back as M = 255 times 255.997.
-    EXPECT_EQ(back16.toMat().at<cv::Vec4w>(2, 4), cv::Vec4w(23456, 23456, 23456, 65279));
-    TImage::rgba8uToYCM(image(TImage::RGBA8U, grey8), Y, C, M);
-    TImage::YCMToRgba8u(Y, C, M, back8);
-    EXPECT_TRUE(same(back8.toMat(), grey8));
 
     // Tall enough for several bands of rows, each of which must read its neighbours' rows as
     // the whole-plane cubic enlargement does. 8 bits are (v + 128) >> 8 of 16, and the host
     // gets them blue first, leaving the bytes between rows alone.
     int const w = 200, h = 302;
     cv::Mat big[3];
-    Y = image(TImage::Y16U, kxtest::noise(h, w, CV_16UC1, 31, 0, 65536));
-    C = image(TImage::C8U2, kxtest::noise(h / 2, w / 2, CV_8UC1, 32, 0, 256),
-              kxtest::noise(h / 2, w / 2, CV_8UC1, 33, 0, 256));
-    M = image(TImage::M8U, kxtest::noise(h / 2, w / 2, CV_8UC1, 34, 0, 256));
-    back16.resize(Y.size());
+    TImage Y = image(TImage::Y16U, kxtest::noise(h, w, CV_16UC1, 31, 0, 65536));
+    TImage C = image(TImage::C8U2, kxtest::noise(h / 2, w / 2, CV_8UC1, 32, 0, 256),
+                     kxtest::noise(h / 2, w / 2, CV_8UC1, 33, 0, 256));
+    TImage M = image(TImage::M8U, kxtest::noise(h / 2, w / 2, CV_8UC1, 34, 0, 256));
+    TImage back16(TImage::RGBA16U, Y.size()), back8;  // the 16-bit way needs Y's size
     TImage::YCMToRgba16u(Y, C, M, back16);
     TImage::YCMToRgba8u(Y, C, M, back8);
     kxtest::PaddedMat host(h, w, CV_8UC4);
     TImage::timageToBgra8u(Y, C, M, host.ptr<u8>(), host.step());
-    cv::resize(C.toMat(0), big[0], cv::Size(w, h), 0, 0, cv::INTER_CUBIC);
-    cv::resize(C.toMat(1), big[1], cv::Size(w, h), 0, 0, cv::INTER_CUBIC);
-    cv::resize(M.toMat(), big[2], cv::Size(w, h), 0, 0, cv::INTER_CUBIC);
+    for (int k = 0; k < 3; ++k)
+        cv::resize(k < 2 ? C.toMat(k) : M.toMat(), big[k], cv::Size(w, h), 0, 0, cv::INTER_CUBIC);
     auto sat = [](float v) { return int(std::min(65535.0f, std::max(0.0f, std::nearbyint(v)))); };
     for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x) {
