@@ -311,8 +311,7 @@ TEST(ScalingGuidedSimple, EveryVectorAndBandEndMatchesThePlainReference) {
     });
 }
 
-// The plain paths are upSize2X and upSizeNX; the guided paths keep a step edge of the guide.
-TEST(ScalingGuided, PlainPathIsUpSizeGuidedPathFollowsTheGuide) {
+TEST(ScalingGuided, PlainPathIsUpSizeGuidedPathFollowsTheGuideAnySize) {
     cv::Mat const y = kxtest::stepEdge(40, 60, CV_16U, 2000, 60000, 31);
     cv::Mat const dr = kxtest::stepEdge(20, 30, CV_16U, 20000, 40000, 15);
     cv::Mat plain, direct(40, 60, CV_16U), guided(40, 60, CV_32F), guided3(60, 90, CV_32F), y3;
@@ -329,6 +328,17 @@ TEST(ScalingGuided, PlainPathIsUpSizeGuidedPathFollowsTheGuide) {
     upSizeNXGuidedByY(y3, dr, guided3, 3, true, 4);
     EXPECT_NEAR(guided3.at<float>(30, 2), 20000 / 65535.0, 2e-3);
     EXPECT_NEAR(guided3.at<float>(30, 88), 40000 / 65535.0, 2e-3);
+    // Awkward sizes: a flat chroma plane stays flat on every path.
+    for (cv::Size s : {cv::Size(1, 1), cv::Size(7, 1), cv::Size(1, 7), cv::Size(5, 3)}) {
+        cv::Mat const ys = noise16(s.height, s.width, 2);
+        cv::Mat const flat((s.height + 1) / 2, (s.width + 1) / 2, CV_16U, cv::Scalar(32768));
+        cv::Mat simple, plain, unit(s, CV_32F);
+        upSize2XGuidedByYSimple(ys, flat, simple);
+        upSize2XGuidedByY(ys, flat, plain, false, 4);
+        upSize2XGuidedByY(ys, flat, unit, true, 4);
+        EXPECT_EQ(cv::countNonZero(simple != 32768) + cv::countNonZero(plain != 32768), 0) << s;
+        EXPECT_LT(cv::norm(unit - 32768 / 65535.0, cv::NORM_INF), 1e-3) << s;
+    }
 }
 
 TEST(ScalingSharpen, PixelsJumpToTheNearerExtremeTiesToTheMinimum) {
