@@ -23,13 +23,11 @@ using Planes = std::vector<cv::Mat>;
 
 // Opens the protected members to the tests; coefficients may be set by hand.
 struct Open : TGFilter {
-    using TGFilter::calcov2;
     using TGFilter::checkBlkSz;
     using TGFilter::coefA;
     using TGFilter::coefB;
     using TGFilter::gFc1_apply;
     using TGFilter::gFc3_apply;
-    using TGFilter::guideMean;
 
     explicit Open(Planes const &a = {}, cv::Mat const &b = cv::Mat()) {
         std::copy(a.begin(), a.end(), coefA);
@@ -66,11 +64,18 @@ cv::Mat expand(cv::Mat const &coef, cv::Size size) {
 }
 
 // Codes c of `out` stand for c * unit .. c * unit + unit - 1: their centres must lie within a
-// rounding (unit / 2) plus tol of v clipped to the codes' range.
-void expectCodes(cv::Mat const &out, cv::Mat const &v, double unit, double top, double tol) {
+// rounding (unit / 2) of v clipped to the codes' range, give or take 2e-5 of that range.
+void expectCodes(cv::Mat const &out, cv::Mat const &v, double unit, double top) {
     cv::Mat centres;
     out.convertTo(centres, CV_32F, unit, (unit - 1) / 2);
-    EXPECT_LE(maxDiff(centres, cv::min(cv::max(v, 0), (top + 1) * unit - 1)), unit / 2 + tol);
+    double const range = (top + 1) * unit - 1;
+    EXPECT_LE(maxDiff(centres, cv::min(cv::max(v, 0), range)), unit / 2 + 2e-5 * range);
+}
+
+void expectCoefs(Open const &f, kxtest::GuidedCoefs const &want) {
+    for (std::size_t c = 0; c < want.a.size(); ++c)
+        EXPECT_LT(maxDiff(f.coefA[c], want.a[c]), 1e-5) << "a" << c;
+    EXPECT_LT(maxDiff(f.coefB, want.b), 1e-5);
 }
 
 TEST(TGFilter, ThrowsItsTexts) {
@@ -82,6 +87,7 @@ TEST(TGFilter, ThrowsItsTexts) {
         "input's size.";
     cv::Mat const p = pattern(8, 9, 1), out8(8, 9, CV_8U, cv::Scalar(7));
     cv::Mat out = out8.clone();
+    Planes const mixed = {p, p, out8};
     TGFilter f;
     for (int n : {0, 2, 4}) {
         Planes const guides(n, p);
@@ -95,18 +101,18 @@ TEST(TGFilter, ThrowsItsTexts) {
     // Guides the estimate cannot read through p's rows, and mixed guides in proc.
     EXPECT_EQ(thrown([&] { f.setup({p(cv::Rect(0, 0, 9, 7))}, p, 1, 0.01f); }), planes);
     EXPECT_EQ(thrown([&] { f.setup({out8}, p, 1, 0.01f); }), planes);
-    EXPECT_EQ(thrown([&] { f.setupFixedR({p, p, out8}, p, 0.01f); }), planes);
+    EXPECT_EQ(thrown([&] { f.setupFixedR(mixed, p, 0.01f); }), planes);
     f.setup({p}, p, 1, 0.01f);
-    EXPECT_EQ(thrown([&] {
-                  f.proc({p, p, out8}, out);
-              }),
+    EXPECT_EQ(thrown([&] { f.proc(mixed, out); }),
               "ERROR - TGuidedFilter::proc - guides need one depth and size.");
     EXPECT_EQ(thrown([&] { f.stripProc(p, out8, out, 1, 0.01f); }),
               "ERROR - TGuidedFilter::stripProc - inputs must be CV_32FC1 of one size.");
 }
 
 // Coefficients and every output depth against the reference, for one and three guide planes
-// of each depth; outputs may differ from the model by 2e-5 in 0..1 units.
+// of each depth; outputs may differ from the model by 2e-5 of their range. The fixed-radius
+// estimate is the r = 1 estimate and keeps the first guide's statistics for every later
+// guide, target and eps, which setup never reads.
 TEST(TGFilter, MatchesPlainReference) {
     for (cv::Size size : {cv::Size(64, 48), cv::Size(33, 7)})
         for (int r : {0, 1, 2, 5})
@@ -115,22 +121,31 @@ TEST(TGFilter, MatchesPlainReference) {
                     SCOPED_TRACE(testing::Message()
                                  << size << " r " << r << " n " << n << " depth " << depth);
                     double const range = depth == CV_8U ? 255 : depth == CV_16U ? 65535 : 1;
-                    cv::Mat const p = pattern(size.height, size.width, 99);
-                    Planes native(n), unit(n);  // the guide in its depth, and in 0..1 as hosts
+                    cv::Mat const p = pattern(size.height, size.width, 99), p2 = p * 0.7;
+                    Planes native(n), unit(n), other;  // guides in their depth, in 0..1, another
                     for (int c = 0; c < n; ++c) {
                         pattern(size.height, size.width, 10 + c).convertTo(native[c], depth, range);
                         native[c].convertTo(unit[c], CV_32F, double(float(1 / range)));
+                        other.push_back(unit[c] * 0.5);
                     }
                     Open f;
                     f.setup(unit, p, r, 0.01f);
                     kxtest::GuidedCoefs const want = kxtest::guidedReference(unit, p, r, 0.01f);
+                    expectCoefs(f, want);
+                    if (r == 1 && depth == CV_32F) {
+                        Open fixed;
+                        fixed.setupFixedR(unit, p, 0.01f);
+                        expectCoefs(fixed, want);
+                        fixed.setupFixedR(other, p2, 0.03f);
+                        expectCoefs(fixed, kxtest::guidedReference(other, p2, 1, 0.03f, unit));
+                        fixed.setup(other, p2, 1, 0.03f);
+                        expectCoefs(fixed, kxtest::guidedReference(other, p2, 1, 0.03f));
+                    }
                     cv::Mat s(size, CV_32F, cv::Scalar(0)), g;  // sum of I * a, as the loops add
                     for (int c = 0; c < n; ++c) {
-                        EXPECT_LT(maxDiff(f.coefA[c], want.a[c]), 1e-5);
                         native[c].convertTo(g, CV_32F);
                         s += g.mul(want.a[c]);
                     }
-                    EXPECT_LT(maxDiff(f.coefB, want.b), 1e-5);
                     cv::Mat const v = s / float(range) + want.b;  // the model in 0..1
                     cv::Mat out8(size, CV_8U), out(size, n == 1 ? CV_32F : CV_16U);
                     f.proc(native, out8);
@@ -140,20 +155,16 @@ TEST(TGFilter, MatchesPlainReference) {
                         // The 16-bit guide into 8 bits divides by 255 only.
                         expectCodes(out8,
                                     depth == CV_16U ? s / 255.0f + want.b * 255.0f : v * 255.0f, 1,
-                                    255, 2e-5 * 255);
+                                    255);
                         continue;
                     }
                     f.proc16U(native, out);
-                    if (depth == CV_16U)  // the high byte of the 16-bit value
-                        expectCodes(out8, v * 65535.0f, 256, 255, 2e-5 * 65535);
-                    else
-                        expectCodes(out8, v * 255.0f, 1, 255, 2e-5 * 255);
-                    if (depth == CV_8U) {  // the 8-bit value shifted up
-                        EXPECT_EQ(cv::countNonZero(out & cv::Scalar(255)), 0);
-                        expectCodes(out / 256, v * 255.0f, 1, 255, 2e-5 * 255);
-                    } else {
-                        expectCodes(out, v * 65535.0f, 1, 65535, 2e-5 * 65535);
-                    }
+                    bool const narrow = depth == CV_8U, high = depth == CV_16U;
+                    expectCodes(out8, v * (high ? 65535.0f : 255.0f), high ? 256 : 1, 255);
+                    // 8-bit guides give the 8-bit value shifted up.
+                    EXPECT_TRUE(!narrow || cv::countNonZero(out & cv::Scalar(255)) == 0);
+                    expectCodes(narrow ? cv::Mat(out / 256) : out, v * (narrow ? 255.0f : 65535.0f),
+                                1, narrow ? 255 : 65535);
                 }
 }
 
@@ -170,34 +181,14 @@ TEST(TGFilter, SettledIdentities) {
     f.setup({cv::Mat()}, cv::Mat(), 2, 0.05f);  // an empty target: proc leaves out alone
     f.proc({cv::Mat(3, 3, CV_8U, cv::Scalar(1))}, untouched);
     EXPECT_EQ(cv::countNonZero(untouched != 9), 0);
+    Open g, assigned;  // copies share the planes
+    g.setup({p, p, p}, p, 1, 0.01f);
+    Open const copied(g);
+    assigned = g;
+    EXPECT_TRUE(copied.coefA[2].data == g.coefA[2].data && assigned.coefB.data == g.coefB.data);
 }
 
-// The fixed-radius estimate is the r = 1 estimate, and keeps the first guide's statistics
-// for every later guide, target and eps; setup reads no such cache.
-TEST(TGFilter, FixedRadiusKeepsTheFirstGuidesStatistics) {
-    cv::Mat const p = pattern(19, 26, 3), p2 = pattern(19, 26, 4);
-    for (int n : {1, 3}) {
-        Planes first, second;
-        for (int c = 0; c < n; ++c) {
-            first.push_back(pattern(19, 26, 20 + c));
-            second.push_back(pattern(19, 26, 30 + c) * 0.5);
-        }
-        Open fixed, plain;
-        fixed.setupFixedR(first, p, 0.02f);
-        plain.setup(first, p, 1, 0.02f);
-        for (int c = 0; c < n; ++c)
-            EXPECT_LT(maxDiff(fixed.coefA[c], plain.coefA[c]), 1e-6) << n;
-        EXPECT_LT(maxDiff(fixed.coefB, plain.coefB), 1e-6) << n;
-        fixed.setupFixedR(second, p2, 0.03f);
-        kxtest::GuidedCoefs const want = kxtest::guidedReference(second, p2, 1, 0.03f, first);
-        for (int c = 0; c < n; ++c)
-            EXPECT_LT(maxDiff(fixed.coefA[c], want.a[c]), 1e-5) << n;
-        EXPECT_LT(maxDiff(fixed.coefB, want.b), 1e-5) << n;
-        plain.setup(second, p2, 1, 0.03f);
-        EXPECT_GT(maxDiff(fixed.coefB, plain.coefB), 1e-3) << n;
-    }
-}
-
+// The apply loops with coefficients set by hand.
 TEST(TGFilter, ApplyLoopsLookUpByCeilingFactorsAndRoundByDepth) {
     cv::Mat const a = kxtest::noise(5, 4, CV_32F, 7, 0.0, 1.0);
     cv::Mat const b = kxtest::noise(5, 4, CV_32F, 8, -0.2, 0.2);
@@ -208,9 +199,9 @@ TEST(TGFilter, ApplyLoopsLookUpByCeilingFactorsAndRoundByDepth) {
         cv::Mat out(size, CV_32F);
         Open({a}, b).proc({guide}, out);
         EXPECT_EQ(maxDiff(out, guide.mul(expand(a, size)) + expand(b, size)), 0) << size;
-        if (size.width == 8)
-            EXPECT_EQ(out.at<float>(3, 5),
-                      guide.at<float>(3, 5) * a.at<float>(1, 2) + b.at<float>(1, 2));
+        EXPECT_TRUE(size.width != 8 ||  // the square of coefficient (1, 2) holds (3, 5)
+                    out.at<float>(3, 5) ==
+                        guide.at<float>(3, 5) * a.at<float>(1, 2) + b.at<float>(1, 2));
     }
     Open f({filled(2, 3, 1.0)}, filled(2, 3, 0.0));
     cv::Mat const g16 = (cv::Mat_<std::uint16_t>(2, 3) << 0, 127, 128, 1000, 65535, 383);
@@ -237,41 +228,37 @@ TEST(TGFilter, ApplyLoopsLookUpByCeilingFactorsAndRoundByDepth) {
     Open three({half, half, half}, filled(2, 2, 0.1));
     out16 = cv::Mat(2, 2, CV_16U, cv::Scalar(0xFFFF));
     three.proc({g, g, g}, out16);
-    cv::Mat const bytes(2, 4, CV_8U, out16.data, out16.step);
-    EXPECT_EQ(cv::countNonZero(bytes != (cv::Mat_<std::uint8_t>(2, 4) << 102, 102, 255, 255, 102,
-                                         102, 255, 255)),
-              0);
+    cv::Mat const bytes(2, 4, CV_8U, out16.data, out16.step),
+        want = (cv::Mat_<std::uint8_t>(1, 4) << 102, 102, 255, 255);
+    EXPECT_EQ(cv::countNonZero(bytes != cv::repeat(want, 2, 1)), 0);
     three.proc16U({g, g, g}, out16);
     EXPECT_EQ(out16.at<std::uint16_t>(1, 1), 26214);  // 0.4 * 65535 = 26214
-}
 
-// A guide one pixel wider than twice 2^23 coefficients: the float ratio rounds down to 2,
-// leaving one right-strip column that reads the last coefficient. There the 16-bit loop of a
-// float guide clips to 8 bits.
-TEST(TGFilter, RightStripOfHugeGuides) {
+    // A guide one pixel wider than twice 2^23 coefficients: the float ratio rounds down to 2,
+    // leaving one right-strip column that reads the last coefficient. There the 16-bit loop
+    // of a float guide clips to 8 bits.
     int const coefCols = 1 << 23, cols = 2 * coefCols + 1;
-    cv::Mat const zero = filled(1, coefCols, 0.0), g = filled(1, cols, 0.0);
-    cv::Mat b = filled(1, coefCols, 0.5), out, out8(1, cols, CV_8U);
-    b.at<float>(0, coefCols - 1) = 0.25f;
-    Open({zero, zero, zero}, b).proc16U({g, g, g}, out);
-    ASSERT_EQ(out.cols, cols);
-    EXPECT_EQ(out.at<std::uint16_t>(0, 0), 32768);         // rint(0.5 * 65535)
-    EXPECT_EQ(out.at<std::uint16_t>(0, cols - 2), 16384);  // the last coefficient
-    EXPECT_EQ(out.at<std::uint16_t>(0, cols - 1), 255);    // clipped to 8 bits
-    Open({zero}, b).proc({g}, out8);
-    EXPECT_EQ(out8.at<std::uint8_t>(0, cols - 1), 64);  // rint(0.25 * 255)
-}
+    cv::Mat const zero = filled(1, coefCols, 0.0), wide = filled(1, cols, 0.0);
+    cv::Mat last = filled(1, coefCols, 0.5), strip16, strip8(1, cols, CV_8U);
+    last.at<float>(0, coefCols - 1) = 0.25f;
+    Open({zero, zero, zero}, last).proc16U({wide, wide, wide}, strip16);
+    ASSERT_EQ(strip16.cols, cols);
+    EXPECT_EQ(strip16.at<std::uint16_t>(0, 0), 32768);         // rint(0.5 * 65535)
+    EXPECT_EQ(strip16.at<std::uint16_t>(0, cols - 2), 16384);  // the last coefficient
+    EXPECT_EQ(strip16.at<std::uint16_t>(0, cols - 1), 255);    // clipped to 8 bits
+    Open({zero}, last).proc({wide}, strip8);
+    EXPECT_EQ(strip8.at<std::uint8_t>(0, cols - 1), 64);  // rint(0.25 * 255)
 
-TEST(TGFilter, ResampledAlternativeIsTheBicubicModel) {
-    cv::Mat const a = kxtest::noise(6, 5, CV_32F, 1, 0.0, 1.0), g = pattern(12, 10, 6);
+    // The alternative apply: coefficients resampled bicubically, the guides taken unscaled.
+    cv::Mat const guide = pattern(12, 10, 6);
     cv::Mat out1, out3, aUp, bUp;
-    Open f({a, a, a}, 0.5 * a);
-    f.gFc1_apply(g, out1);
-    f.gFc3_apply({g, g, g}, out3);
-    cv::resize(a, aUp, g.size(), 0, 0, cv::INTER_CUBIC);
-    cv::resize(0.5 * a, bUp, g.size(), 0, 0, cv::INTER_CUBIC);
-    EXPECT_LT(maxDiff(out1, bUp + aUp.mul(g)), 1e-4);
-    EXPECT_LT(maxDiff(out3, bUp + 3 * aUp.mul(g)), 1e-4);
+    Open resampled({a, a, a}, b);
+    resampled.gFc1_apply(guide, out1);
+    resampled.gFc3_apply({guide, guide, guide}, out3);
+    cv::resize(a, aUp, guide.size(), 0, 0, cv::INTER_CUBIC);
+    cv::resize(b, bUp, guide.size(), 0, 0, cv::INTER_CUBIC);
+    EXPECT_LT(maxDiff(out1, bUp + aUp.mul(guide)), 1e-4);
+    EXPECT_LT(maxDiff(out3, bUp + 3 * aUp.mul(guide)), 1e-4);
 }
 
 // The one-pass filter of blocks without padding: only windows inside the image count, results
@@ -287,7 +274,7 @@ cv::Mat stripReference(cv::Mat const &I, cv::Mat const &p, int r, float eps) {
     return q;
 }
 
-TEST(TGFilter, StripProcMatchesBlockReference) {
+TEST(TGFilter, StripProcMatchesBlockReferenceAndStripHeightRule) {
     // One strip; then 1208 rows with r = 2: three strips of 600, the last with no output
     // rows, since 1208 - 8 is a multiple of 600.
     for (cv::Size size : {cv::Size(40, 30), cv::Size(1900, 1208)}) {
@@ -305,33 +292,12 @@ TEST(TGFilter, StripProcMatchesBlockReference) {
     EXPECT_EQ(maxDiff(q, p), 0);
     TGFilter().stripProc(pattern(10, 12, 1), p0, q0, 0, 0.01f);
     EXPECT_EQ(maxDiff(q0, p0), 0);
-}
-
-// calcov2 into the inside of a replicate-padded plane, the strip height rule, and copies
-// sharing their planes.
-TEST(TGFilter, CovarianceHelperStripHeightAndCopies) {
-    int const r = 2;
-    cv::Mat const I = pattern(11, 14, 1), p = pattern(11, 14, 2);
-    cv::Mat const meanI = boxMean(I, r), meanP = boxMean(p, r);
-    cv::Mat Ip, pp, cov(15, 18, CV_32F, cv::Scalar(-9)), tmpA, tmpB;
-    cv::copyMakeBorder(I, Ip, r, r, r, r, cv::BORDER_REPLICATE);
-    cv::copyMakeBorder(p, pp, r, r, r, r, cv::BORDER_REPLICATE);
+    // Strips of 600 rows from 2250000 pixels on, unless there are fewer rows.
     Open f;
-    f.calcov2(cov, Ip, pp, meanI, meanP, tmpA, tmpB, {18, 15}, {14, 11}, {5, 5}, {r, r}, true);
-    EXPECT_LT(maxDiff(cov(cv::Rect(r, r, 14, 11)), boxMean(I.mul(p), r) - meanI.mul(meanP)), 1e-6);
-    EXPECT_EQ(cov.at<float>(0, 0), -9);
-
-    EXPECT_EQ(f.checkBlkSz(1000, 2249), 2249);  // under 2250000 pixels
+    EXPECT_EQ(f.checkBlkSz(1000, 2249), 2249);
     EXPECT_EQ(f.checkBlkSz(3750, 600), 600);
     EXPECT_EQ(f.checkBlkSz(1500, 1500), 600);
-    EXPECT_EQ(f.checkBlkSz(100000, 599), 599);  // fewer rows than a strip
-
-    f.setupFixedR({p}, p, 0.01f);
-    Open g, h(f);
-    static_cast<TGFilter &>(g) = f;
-    EXPECT_EQ(g.coefA[0].data, f.coefA[0].data);
-    EXPECT_EQ(h.coefB.data, f.coefB.data);
-    EXPECT_EQ(h.guideMean[0].data, f.guideMean[0].data);
+    EXPECT_EQ(f.checkBlkSz(100000, 599), 599);
 }
 
 }  // namespace
