@@ -15,20 +15,17 @@
 
 namespace {
 
+using kxtest::thrown;
 using Planes = std::vector<cv::Mat>;
 
-std::string printed(std::function<void()> const &f) {
+// Whether f prints `passes` pairs of timing lines of `name` (none for 0).
+bool timed(std::function<void()> const &f, std::string const &name, int passes) {
     testing::internal::CaptureStdout();
     f();
-    return testing::internal::GetCapturedStdout();
-}
-
-// Whether f prints `passes` pairs of timing lines of `name`: label, seconds, " s.".
-bool timed(std::function<void()> const &f, std::string const &name, int passes) {
     std::string const line = " - [-+.e0-9]+ s\\.\n";
     std::string const pass =
         name + " - guided filtering estimate" + line + name + " - guided filtering proc" + line;
-    return std::regex_match(printed(f),
+    return std::regex_match(testing::internal::GetCapturedStdout(),
                             std::regex("(" + pass + "){" + std::to_string(passes) + "}"));
 }
 
@@ -46,68 +43,59 @@ Planes cut(int depth, cv::Size size) {
 // The float image of a plane as the entry points make it: 1/255 and 1/65535 in float.
 cv::Mat unit(cv::Mat const &m) {
     cv::Mat f;
-    m.convertTo(f, CV_32F,
-                m.depth() == CV_8U    ? 0.003921569f
-                : m.depth() == CV_16U ? 1.5259022e-5f
-                                      : 1);
+    double const range = m.depth() == CV_8U ? 255 : m.depth() == CV_16U ? 65535 : 1;
+    m.convertTo(f, CV_32F, double(float(1 / range)));
     return f;
 }
 
-// The first `cols` bytes of each row: what a three-guide apply writes, whatever out's depth.
-cv::Mat writtenBytes(cv::Mat const &out) {
-    return cv::Mat(out.rows, out.cols, CV_8U, out.data, out.step);
-}
-
-bool same(cv::Mat const &a, cv::Mat const &b) {
-    return cv::norm(a, b, cv::NORM_INF) == 0;
+// Whether the first `cols` bytes of each row agree: what a three-guide apply writes.
+bool sameBytes(cv::Mat const &a, cv::Mat const &b) {
+    return cv::norm(cv::Mat(a.rows, a.cols, CV_8U, a.data, a.step),
+                    cv::Mat(b.rows, b.cols, CV_8U, b.data, b.step), cv::NORM_INF) == 0;
 }
 
 TEST(GuidedEntryPoints, ThrowsItsTexts) {
     cv::Mat out, empty, p(4, 4, CV_8U, cv::Scalar(1)), g16(4, 4, CV_16U, cv::Scalar(1));
     std::string const emptyText =
         "ERROR - filterGuidedByY - Guide or Input data can not be empty...";
-    EXPECT_EQ(kxtest::thrown([&] { filterGuidedByY(out, p, empty, 1, 0.01f, nullptr, 1); }),
-              emptyText);
-    EXPECT_EQ(kxtest::thrown([&] { filterGuidedByY(out, empty, p, 1, 0.01f, nullptr, 1); }),
-              emptyText);
-    EXPECT_EQ(kxtest::thrown([&] { filterGuidedByRGB(out, p, p, g16, p, 1, 0.01f, nullptr, 1); }),
+    EXPECT_EQ(thrown([&] { filterGuidedByY(out, p, empty, 1, 0.01f, nullptr, 1); }), emptyText);
+    EXPECT_EQ(thrown([&] { filterGuidedByY(out, empty, p, 1, 0.01f, nullptr, 1); }), emptyText);
+    EXPECT_EQ(thrown([&] { filterGuidedByRGB(out, p, p, g16, p, 1, 0.01f, nullptr, 1); }),
               "ERROR - filterGuidedByRGB - Guide data need to use same data type...");
     EXPECT_TRUE(out.empty());
 }
 
 TEST(GuidedEntryPoints, ByYScalesFiltersKeepsAndRepeats) {
-    cv::Size const size(61, 43);
     // A 16-bit guide into an 8-bit target, and 16-bit targets, which the apply leaves as made.
     int const pairs[][2] = {{CV_8U, CV_8U}, {CV_32F, CV_32F}, {CV_16U, CV_8U}, {CV_8U, CV_16U}};
     for (auto const [guideDepth, depth] : pairs) {
         SCOPED_TRACE(testing::Message() << guideDepth << " into " << depth);
-        cv::Mat p = cut(depth, size)[2], guide = cut(guideDepth, size)[3];
-        cv::Mat want(size, p.type(), cv::Scalar::all(4321)), out = want.clone(),
-                                                             again = want.clone();
+        cv::Mat p = cut(depth, {61, 43})[2], guide = cut(guideDepth, {61, 43})[3];
+        cv::Mat const blank(p.size(), p.type(), cv::Scalar::all(4321));
+        cv::Mat want = blank.clone(), out = blank.clone(), again = blank.clone();
         TGFilter kept, f;
         EXPECT_TRUE(timed([&] { filterGuidedByY(out, p, guide, 3, 0.01f, &kept, 1); },
                           "filterGuidedByY", 1));
         f.setup({unit(guide)}, unit(p), 3, 0.01f);
         f.proc({guide}, want);
         kept.proc({guide}, again);  // the caller's filter keeps the coefficients
-        EXPECT_TRUE(out.type() == p.type() && same(out, want) && same(again, want));
+        EXPECT_TRUE(out.type() == p.type() && cv::norm(out, want, cv::NORM_INF) == 0);
+        EXPECT_EQ(cv::norm(again, want, cv::NORM_INF), 0);
     }
-    // n = 0 writes nothing; n = 2 filters the first pass's 8-bit result again, untimed.
+    // n = 0 writes nothing and n = 2 filters the first pass's 8-bit result again, both untimed;
+    // a smaller guide writes only the common top-left rectangle, as if p were cut.
     Planes c = cut(CV_8U, cv::Size(40, 30));
-    cv::Mat out(c[1].size(), CV_8U, cv::Scalar(7)), once, twice, want;
-    EXPECT_EQ(printed([&] { filterGuidedByY(out, c[1], c[3], 2, 0.01f, nullptr, 0); }), "");
-    EXPECT_EQ(cv::countNonZero(out != 7), 0);
-    EXPECT_EQ(printed([&] { filterGuidedByY(twice, c[1], c[3], 2, 0.01f, nullptr, 2); }), "");
-    testing::internal::CaptureStdout();
-    filterGuidedByY(once, c[1], c[3], 2, 0.01f, nullptr, 1);
-    filterGuidedByY(want, once, c[3], 2, 0.01f, nullptr, 1);
-    // A smaller guide: only the common top-left rectangle is written, as if p were cut.
     cv::Rect const left(0, 0, 25, 30);
-    cv::Mat small = c[3](left).clone(), pLeft = c[1](left).clone(), alone;
+    cv::Mat out(c[1].size(), CV_8U, cv::Scalar(7)), once, twice, want, alone;
+    cv::Mat small = c[3](left).clone(), pLeft = c[1](left).clone();
+    EXPECT_TRUE(timed([&] { filterGuidedByY(out, c[1], c[3], 2, 0.01f, nullptr, 0); }, "", 0));
+    EXPECT_TRUE(timed([&] { filterGuidedByY(twice, c[1], c[3], 2, 0.01f, nullptr, 2); }, "", 0));
+    EXPECT_EQ(cv::countNonZero(out != 7), 0);
+    filterGuidedByY(once, c[1], c[3], 2, 0.01f, nullptr, 1);  // timed, on standard output
+    filterGuidedByY(want, once, c[3], 2, 0.01f, nullptr, 1);
     filterGuidedByY(out, c[1], small, 2, 0.01f, nullptr, 1);
     filterGuidedByY(alone, pLeft, small, 2, 0.01f, nullptr, 1);
-    testing::internal::GetCapturedStdout();
-    EXPECT_TRUE(same(twice, want) && same(out(left), alone));
+    EXPECT_EQ(cv::norm(twice, want, cv::NORM_INF) + cv::norm(out(left), alone, cv::NORM_INF), 0);
     EXPECT_EQ(cv::countNonZero(out(cv::Rect(25, 0, 15, 30)) != 7), 0);
 }
 
@@ -116,9 +104,8 @@ TEST(GuidedEntryPoints, ByYScalesFiltersKeepsAndRepeats) {
 TEST(GuidedEntryPoints, ByRGBScalesFiltersAndRepeats) {
     for (int depth : {CV_8U, CV_16U, CV_32F}) {
         SCOPED_TRACE(depth);
-        Planes c = cut(depth, cv::Size(37, 29)), native(c.begin(), c.begin() + 3), guides;
-        for (cv::Mat const &g : native)
-            guides.push_back(unit(g));
+        Planes c = cut(depth, cv::Size(37, 29)), native = {c[0], c[1], c[2]};
+        Planes const guides = {unit(c[0]), unit(c[1]), unit(c[2])};
         cv::Mat out(c[3].size(), c[3].type(), cv::Scalar::all(5)), two, want = out.clone();
         EXPECT_TRUE(
             timed([&] { filterGuidedByRGB(out, c[3], c[0], c[1], c[2], 2, 0.02f, nullptr, 1); },
@@ -129,9 +116,8 @@ TEST(GuidedEntryPoints, ByRGBScalesFiltersAndRepeats) {
         TGFilter f;
         f.setup(guides, unit(c[3]), 2, 0.02f);
         f.proc(native, want);
-        cv::Mat const zeros = cv::Mat::zeros(out.size(), CV_8U);
-        EXPECT_TRUE(same(writtenBytes(two), writtenBytes(want)));
-        EXPECT_TRUE(same(writtenBytes(out), depth == CV_32F ? zeros : writtenBytes(want)));
+        EXPECT_TRUE(sameBytes(two, want));
+        EXPECT_TRUE(sameBytes(out, depth == CV_32F ? cv::Mat::zeros(out.size(), CV_8U) : want));
     }
 }
 
