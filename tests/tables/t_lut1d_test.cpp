@@ -25,7 +25,7 @@ struct Open : Base {
     using Base::Base;
     using Base::lut16U;
     using Base::lut8U;
-    int at(int i) const { return this->outType() == CV_16U ? lut16U()[i] : lut8U()[i]; }
+    int at(int i) const { return this->m_outType == CV_16U ? lut16U()[i] : lut8U()[i]; }
     std::vector<int> entries() const {
         std::vector<int> e(this->size());
         for (int i = 0; i < this->size(); ++i)
@@ -139,11 +139,13 @@ TEST(TLut16U, ContrastLineByHand) {
         {65536, 6, 8191, 0, 0, -1, 0, 0.5f, 1, -273},        // d' = 0.5 - 2 x 0.4 / 1.5
         {65536, 6, 8191, 0, 0, 0, -0.5f, 0.5f, 0.5f, 4095},  // no widening below s = 1
         {65536, 6, 1000000, 0, 0, 0, 0, 1, 1, 1000000},      // kept inside the table
+        {65536, 6, 1000000, 0, 0, 0, 0, -1, 1, -400000},
         {65536, 6, 8191, 0.35f, 0, 0, 0.5f, 0.5f, 3.5f, 1170},
         {256, 6, 10, 0.5f, 0, 0, 0, 0.2f, 1, 2},
         {256, 6, 10, 0.51f, 0, 0, 0, 0.2f, 1, 2},
         {256, 6, 10, 0, 0, -0.5f, 0, -0.2f, 1, -6},  // d' = -0.2 - 0.4
         {256, 6, 10, 0, 0.5f, 0, 0, 0, 3.5f, 0},
+        {256, 6, 10, 0, -0.5f, 0, 0, 0, 0.5f, 0},
     };
     // The gap's ends for s = 6, t = 1365.
     EXPECT_EQ(lineRef<std::uint16_t>(65536, 6, 1365, 0)[32767], 24578);
@@ -211,11 +213,9 @@ TEST(TLut16U, BlackMedToneWhite) {
     for (int i = 2; i < 64; ++i)
         EXPECT_NEAR(curve[i], i / 63.0f, 1e-6f) << i;
 
-    for (auto const &[black, med, white] : {std::array<float, 3>{},
-                                            {0.5f, 0.3f, 0.4f},
-                                            {-1, -0.5f, -1},
-                                            {1, 1, 1},
-                                            {-0.3f, 0.8f, 0.6f}}) {
+    std::array<float, 3> const settings[] = {{},        {0.5f, 0.3f, 0.4f}, {-1, -0.5f, -1},
+                                             {1, 1, 1}, {1, -1, 1},         {-0.3f, 0.8f, 0.6f}};
+    for (auto const &[black, med, white] : settings) {
         lut.setupBlackMedToneWhiteAdjust(black, med, white);
         std::vector<int> const e = lut.entries();
         int levels[64], targets[64];

@@ -108,7 +108,13 @@ TEST(TLutY16U, ProcMapsThePlaneInPlace) {
               "ERROR - TLutYDrDb::proc - inOutY16U.type()!=CV_16UC1");
     EXPECT_EQ(thrown([&] { lut.applyYLUT(wrong, out); }),
               "ERROR -  TLutYDrDb::applyYLUT(const Mat &inY, Mat &outY) - inY.type() != CV_16UC1");
+    cv::Mat empty(0, 0, CV_16UC1);  // returns at once
+    EXPECT_TRUE(lut.proc(empty));
+    lut.applyYLUT(empty, out);
+    EXPECT_TRUE(out.empty());
     lut.m_lutY_p = nullptr;  // the object still frees its table
+    lut.computeLUT16U(true);
+    EXPECT_EQ(lut.calls, 4096);
     EXPECT_EQ(thrown([&] { lut.applyYLUT(src, out); }), "ERROR - TLutYDrDb::applyYLUT - !m_lutY_p");
 }
 
@@ -213,6 +219,8 @@ TEST(TLutYDrDb, OneTableAndNoTable) {
     EXPECT_NEAR(outY.at<u16>(6, 8), 30000 - 4, 1);  // (60000 - 7.5) / 2
     EXPECT_TRUE(none.proc(inOut));
     EXPECT_EQ(cv::norm(inOut, outY, cv::NORM_INF), 0.0);
+    cv::Mat empty;  // returns at once
+    EXPECT_TRUE(none.proc(empty) && none.proc(empty, dr, db, outY, outDr, outDb));
 }
 
 TEST(TLutYDrDb, ThrownTexts) {
@@ -266,17 +274,22 @@ TEST(PlaneTables, TLutYTLutCAndTLut2D) {
         lc.ptr(0)[e] = u16(((e & 255) << 8) | (e >> 8));  // swap
     lc.apply(c);
     lc.apply(y, c);  // takes the half-size Y only
+    lc.apply(c, c);
     EXPECT_TRUE(c.toMat(0).at<u8>(2, 4) == 250 && c.toMat(1).at<u8>(0, 0) == 10);
     EXPECT_EQ(thrown([&] { ly.apply(c); }), "ERROR - TLutY::apply - wrong type");
     EXPECT_EQ(thrown([&] { lc.apply(y); }), "ERROR - TLutC::apply - wrong type");
+    EXPECT_EQ(thrown([&] { TLutC(0).apply(c); }), "ERROR - TLutC::apply - wrong type");
+    TImage none;
+    ly.apply(none);
 
     // TLut2D allocates the first n of 16 tables; its hooks leave the planes alone.
     Holder h(3);
     EXPECT_TRUE(h.numLuts() == 3 && h.m_lut_p[2] != nullptr && h.m_lut_p[3] == nullptr);
     EXPECT_EQ(Holder().numLuts(), 16);
     cv::Mat dr(2, 2, CV_8UC1, cv::Scalar(7)), db;
-    h.computeLUT();
-    h.apply(y.toMat(), dr, db);
+    TLut2D &hooks = h;
+    hooks.computeLUT();
+    hooks.apply(y.toMat(), dr, db);
     EXPECT_TRUE(cv::countNonZero(dr != 7) == 0 && db.empty());
 }
 
