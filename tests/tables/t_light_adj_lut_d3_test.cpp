@@ -1,5 +1,5 @@
-// The light-adjust table: its parameters and curve, single pixels worked by hand from the
-// formulas, and the table shared between copies.
+// The light-adjust table: its parameters and curve, and single pixels worked by hand from the
+// formulas.
 #include "kestrix1/tables/t_light_adj_lut_d3.h"
 
 #include <gtest/gtest.h>
@@ -7,15 +7,12 @@
 #include <cmath>
 #include <cstdint>
 
-#include "tests/support/images.h"
-
 namespace {
 
 struct Open : TLightAdjLUTd3 {
     using TLightAdjLUTd3::m_contrast;
     using TLightAdjLUTd3::m_curve;
     using TLightAdjLUTd3::m_exposure;
-    using TLightAdjLUTd3::m_lutY_p;
 
     unsigned short y(int Y) {
         unsigned short y = std::uint16_t(Y), dr = 32768, db = 32768;
@@ -62,20 +59,6 @@ TEST(TLightAdjLUTd3, ParametersCurveAndPixelsByHand) {
     t.mapYDrDb(Y, Dr, Db);
     EXPECT_LT(Y, 65535);
     EXPECT_NEAR(Dr, std::lround(0.5 * (65535.0 - Y) + 32768.0), 1.0);
-}
-
-TEST(TLightAdjLUTd3, CopiesShareTheTableAndOutliveTheSource) {
-    cv::Mat plane = kxtest::ramp(16, 16, CV_16U), again = plane.clone();
-    Open copy;
-    {
-        Open source;
-        source.setupParams(1.0f, 0.5f, 0, 0, 0, 0);
-        copy = source;
-        EXPECT_EQ(copy.m_lutY_p, source.m_lutY_p);
-        source.proc(plane);
-    }
-    copy.proc(again);
-    EXPECT_EQ(cv::norm(again, plane, cv::NORM_INF), 0.0);
 }
 
 }  // namespace

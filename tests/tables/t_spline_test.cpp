@@ -1,4 +1,4 @@
-// TSpline against the polynomials a not-a-knot spline reproduces and its helpers by hand;
+// TSpline against the polynomials its splines reproduce and its helpers by hand;
 // MCSpline's limited tangents by hand and its bracket from the origin.
 #include <gtest/gtest.h>
 
@@ -20,7 +20,6 @@ struct OpenSpline : TSpline {
     using TSpline::neville;
     using TSpline::nf_eval;
     using TSpline::spline_eval;
-    using TSpline::tridiagonal;
 };
 
 // The polynomial a spline through n points reproduces: the cubic from four points on, the
@@ -55,10 +54,6 @@ TEST(TSpline, HelpersByHand) {
     OpenSpline::cubic_nak(6, x, y, b, c, d);
     EXPECT_NEAR(d[0], d[1], 1e-3f * std::abs(d[0]));
     EXPECT_NEAR(d[3], d[4], 1e-3f * std::abs(d[3]));
-    // [2 1 0; 1 2 1; 0 1 2] x = (4, 8, 8) has the solution (1, 2, 3).
-    float lower[2] = {1, 1}, diag[3] = {2, 2, 2}, upper[2] = {1, 1}, rhs[3] = {4, 8, 8};
-    OpenSpline::tridiagonal(3, lower, diag, upper, rhs);
-    EXPECT_TRUE(std::abs(rhs[0] - 1) + std::abs(rhs[1] - 2) + std::abs(rhs[2] - 3) < 1e-5f);
     // Divided differences of x^3 on 0..3; both polynomial forms leave y as it was.
     float px[4] = {0, 1, 2, 3}, py[4] = {0, 1, 8, 27};
     std::unique_ptr<float[]> const a(OpenSpline::divdiff(4, px, py));
@@ -66,10 +61,6 @@ TEST(TSpline, HelpersByHand) {
     EXPECT_FLOAT_EQ(OpenSpline::nf_eval(4, px, a.get(), 1.5f), 3.375f);
     EXPECT_FLOAT_EQ(OpenSpline::neville(4, px, py, 1.5f), 3.375f);
     EXPECT_EQ(Floats(py, py + 4), (Floats{0, 1, 8, 27}));
-    // spline_eval picks segment i - 1 for x[i-1] <= t < x[i] and continues the end segments.
-    float sx[3] = {0, 1, 2}, sy[3] = {10, 20, 30}, sb[3] = {1, 2, 0}, zero[3] = {};
-    for (auto const &p : {Floats{0.5f, 10.5f}, {1, 20}, {1.5f, 21}, {3, 24}, {-1, 9}})
-        EXPECT_FLOAT_EQ(OpenSpline::spline_eval(3, sx, sy, sb, zero, zero, p[0]), p[1]) << p[0];
     // With the true end slopes, clamped ends reproduce a cubic too.
     for (int i = 0; i < 6; ++i)
         y[i] = float(poly(4, x[i]));
@@ -77,8 +68,6 @@ TEST(TSpline, HelpersByHand) {
     for (float t = 0.0f; t <= 1.0f; t += 0.01f)
         EXPECT_NEAR(OpenSpline::spline_eval(6, x, y, b, c, d, t), poly(4, t), 2e-5) << t;
 }
-
-// ---- MCSpline ----------------------------------------------------------------------------
 
 struct OpenMC : MCSpline {
     using MCSpline::H00;
@@ -99,7 +88,7 @@ MCSpline makeMC(Floats const &x, Floats const &y) {
 // Secants 0.4, 2.8, 0.2 give mean tangents 0.4, 1.6, 1.5, 0.2. The first interval (ratios 1
 // and 4: 17 > 9) scales its two by 3 / sqrt(17), the second keeps them, the last is never
 // limited and overshoots its end. A flat interval zeroes its two tangents.
-TEST(MCSpline, LimitedTangentsByHand) {
+TEST(MCSpline, LimitedTangentsAndBracketsByHand) {
     EXPECT_TRUE(OpenMC::isMonotoneCoeff(-1.8f, 2.4f));  // exactly 9 is allowed
     float const y[4] = {0.1f, 0.2f, 0.9f, 0.95f}, k = 3 / std::sqrt(17.0f);
     float const m[4] = {0.4f * k, 1.6f * k, 1.5f, 0.2f};
@@ -115,21 +104,19 @@ TEST(MCSpline, LimitedTangentsByHand) {
     MCSpline const flat = makeMC({0.1f, 0.4f, 0.6f, 0.9f}, {0.1f, 0.5f, 0.5f, 0.9f});
     EXPECT_NEAR(flat.value(0.25f), 0.35f, 1e-6f);
     EXPECT_EQ(flat.value(0.5f), 0.5f);
-}
 
-// The lower bracket starts at the origin: below the first point above 0 the curve leaves
-// (0, 0) flat, whatever the points at or below 0 say, and above the last point it continues
-// as a straight line with the last tangent (the last secant).
-TEST(MCSpline, BracketsFromTheOriginAndBeyondTheEnd) {
-    MCSpline const s = makeMC({-0.5f, 0.2f, 0.5f, 0.8f}, {-0.2f, 0.2f, 0.5f, 0.6f});
-    EXPECT_EQ(s.value(0.0f), 0.0f);
-    // Between 0 and 0.2: y_hi H01(u) + h m_hi H11(u) with m_hi = (4/7 + 1) / 2.
+    // The lower bracket starts at the origin: below the first point above 0 the curve leaves
+    // (0, 0) flat, whatever points at or below 0 say; past the last point it goes on straight
+    // with the last tangent (the last secant).
+    MCSpline const o = makeMC({-0.5f, 0.2f, 0.5f, 0.8f}, {-0.2f, 0.2f, 0.5f, 0.6f});
+    EXPECT_EQ(o.value(0.0f), 0.0f);
+    // Between 0 and 0.2: y_hi H01(u) + h m_hi H11(u), m_hi = (4/7 + 1) / 2.
     float const mHi = (0.2f + 0.2f) / 0.7f * 0.5f + 0.5f;
     for (float u : {0.25f, 0.5f, 0.75f})
-        EXPECT_NEAR(s.value(0.2f * u), 0.2f * OpenMC::H01(u) + 0.2f * mHi * OpenMC::H11(u), 1e-6f);
-    float const last = (s.ctrPy(3) - 0.5f) / (s.ctrPx(3) - 0.5f);
-    EXPECT_NEAR(s.value(1.3f), 0.6f + last * 0.5f, 1e-5f);
-    EXPECT_NEAR(s.value(3.0f), 0.6f + last * 2.2f, 1e-5f);
+        EXPECT_NEAR(o.value(0.2f * u), 0.2f * OpenMC::H01(u) + 0.2f * mHi * OpenMC::H11(u), 1e-6f);
+    float const last = (o.ctrPy(3) - 0.5f) / (o.ctrPx(3) - 0.5f);
+    EXPECT_NEAR(o.value(1.3f), 0.6f + last * 0.5f, 1e-5f);
+    EXPECT_NEAR(o.value(3.0f), 0.6f + last * 2.2f, 1e-5f);
 }
 
 TEST(MCSplineDeathTest, IndexOutsideTheVectorsIsFatal) {
