@@ -7,7 +7,7 @@
 
 #include "kestrix1/frame/uid_counter.h"
 
-TEST(TUid, StampsComeFromOneCounterThatSkipsZeroOnWrap) {
+TEST(TUid, StampsComeFromOneCounterThatSkipsZeroAndDependenciesStayDirtyUntilCleaned) {
     int owner = 0;
     TUid a(&owner), b;
     EXPECT_TRUE(a.m_owner_p == &owner && b.id() == a.id() + 1);
@@ -22,9 +22,6 @@ TEST(TUid, StampsComeFromOneCounterThatSkipsZeroOnWrap) {
     kxSetUidCounter(saved);
     EXPECT_EQ((std::vector<int>{c.id(), d.id(), e.id(), f.id()}),
               (std::vector<int>{-1, 1, INT_MAX, INT_MIN}));
-}
-
-TEST(TUidDepends, NewDependencyIsDirtyUntilCleaned) {
     TUid source, other, stranger;
     TUidDepends deps;
     EXPECT_FALSE(deps.dirty(nullptr));  // empty list

@@ -9,8 +9,6 @@
 #include "kestrix1/kernels/px_point.h"
 #include "tests/support/elementwise.h"
 
-namespace {
-
 template <class T>
 using Lim = std::numeric_limits<T>;
 
@@ -52,8 +50,7 @@ TYPED_TEST(PxColorTwist, EveryFormMatchesReference) {
         return std::clamp<double>(v, Lim<T>::min(), Lim<T>::max());
     };
     auto packed = [&](double, int y, int i, auto at) {
-        int const p = i / 3 * 3;
-        return twisted(i % 3, at(y, p), at(y, p + 1), at(y, p + 2));
+        return twisted(i % 3, at(y, i - i % 3), at(y, i - i % 3 + 1), at(y, i - i % 3 + 2));
     };
     forEachWidth<T>(3, 4, false, tol, packed,
                     [&](auto c) { return pxColorTwist(c.s, c.ss, c.d, c.ds, c.z, t); });
@@ -76,8 +73,8 @@ TYPED_TEST(PxColorTwist, EveryFormMatchesReference) {
     }
 }
 
-// The ramp in float; integers take trunc(v + 0.5), 0 below zero and the maximum from
-// maximum - 0.5 up. Single rows show by their padding that only len elements change.
+// Fills (a mask step past the width) and the ramp in float: integers take trunc(v + 0.5), 0
+// below zero and the maximum from maximum - 0.5 up. Vector forms may write only len elements.
 template <class T>
 void checkFillsAndRamp(T value, float offset, float slope) {
     cv::Mat const mask = kxtest::noise(8, 4100, CV_8U, 5, 0, 3);
@@ -108,9 +105,7 @@ TEST(PxFillAndRamp, WriteOnlyTheirPixelsByTheirRules) {
 }
 
 TEST(PxByteOperations, MatchTheirRules) {
-    auto inPlace = [](auto want, auto run) {
-        forEachWidth<std::uint8_t>(1, 8, true, 0, want, run);
-    };
+    auto inPlace = [](auto f, auto run) { forEachWidth<std::uint8_t>(1, 8, true, 0, f, run); };
     inPlace([](double v, auto...) { return int(v) ^ 0x5A; },
             [](auto c) { return pxXorC(c.d, c.ds, c.z, 0x5A); });
     inPlace([](double v, auto...) { return std::max(v, 100.0); },
@@ -183,14 +178,12 @@ TEST(PxPointRules, TiesGoToEvenAndFailingCallsReport) {
     cv::Mat img(3, 8, CV_8UC3, cv::Scalar(1, 2, 3));
     cv::Mat const before = img.clone();
     std::uint8_t *p = img.ptr();
-    auto *w = reinterpret_cast<std::uint16_t *>(p);
     int const step = int(img.step);
     EXPECT_EQ(pxColorTwist(p, step, p, 23, {8, 3}, half), pxStsStepErr);
     EXPECT_EQ(pxColorTwist(p, step, {8, 3}, nullptr), pxStsNullPtrErr);
     EXPECT_EQ(pxSet(p, 0, std::uint8_t(9)), pxStsSizeErr);
+    EXPECT_EQ(pxVectorRamp(p, 0, 0, 1), pxStsSizeErr);
     EXPECT_EQ(pxMulCScale(p, step, {8, 3}, 1, 17), pxStsBadArgErr);
-    EXPECT_EQ(pxLutPalette(w, step, w, step, {12, 3}, w, 17), pxStsBadArgErr);
+    EXPECT_EQ(pxLutPalette(p, step, p, step, {8, 3}, p, 9), pxStsBadArgErr);
     EXPECT_EQ(cv::norm(img, before, cv::NORM_INF), 0.0);
 }
-
-}  // namespace
