@@ -7,13 +7,13 @@
 
 #include "kestrix1/frame/uid_counter.h"
 
-TEST(TUid, StampsComeFromOneCounterThatSkipsZeroOnWrap) {
+TEST(TUid, StampsComeFromOneCounterThatSkipsZeroAndDependenciesStayDirtyUntilCleaned) {
     int owner = 0;
     TUid a(&owner), b;
-    EXPECT_TRUE(b.id() == a.id() + 1 && a.m_owner_p == &owner);
+    EXPECT_TRUE(a.m_owner_p == &owner && b.id() == a.id() + 1);
     a.update();
     a.set(5);  // a foreign stamp, the counter stays
-    EXPECT_TRUE(a.id() == 5 && kxPeekUid() == b.id() + 2);
+    EXPECT_TRUE(kxPeekUid() == b.id() + 2 && a.id() == 5);
     int const saved = kxPeekUid();
     kxSetUidCounter(-1);
     TUid c, d;
@@ -22,9 +22,6 @@ TEST(TUid, StampsComeFromOneCounterThatSkipsZeroOnWrap) {
     kxSetUidCounter(saved);
     EXPECT_EQ((std::vector<int>{c.id(), d.id(), e.id(), f.id()}),
               (std::vector<int>{-1, 1, INT_MAX, INT_MIN}));
-}
-
-TEST(TUidDepends, NewDependencyIsDirtyUntilCleaned) {
     TUid source, other, stranger;
     TUidDepends deps;
     EXPECT_FALSE(deps.dirty(nullptr));  // empty list
@@ -44,10 +41,10 @@ TEST(TUidDepends, NewDependencyIsDirtyUntilCleaned) {
     // clear() forgets the watched stamps but keeps the recorded values: a new entry at index
     // 0 of m_uids is compared with the value recorded for `source`, its own 0 sits at index 2.
     deps.clear();
-    EXPECT_EQ(deps.size(), 0);
     TUid second;
     deps.addDepedentUid(&second);
     EXPECT_EQ(deps.m_seenIds, (std::vector<int>{recorded, other.id(), 0}));
+    EXPECT_EQ(deps.size(), 1);
     EXPECT_TRUE(deps.dirty(&second));
     second.set(recorded);
     EXPECT_FALSE(deps.dirty(&second));

@@ -7,11 +7,7 @@
 #include "kestrix1/kernels/px_arith.h"
 #include "tests/support/elementwise.h"
 
-namespace {
-
-// Every operation on the checked region b: out of place, and over b in place. The first
-// operand a is negative, so that results take both signs, has no zeros to divide by, and a
-// row step past its width.
+// Every form on the checked region b; a is negative (results of both signs, no zero divisor).
 TEST(PxArithmetic, EveryFormTakesOperandsInOrder) {
     cv::Mat const a = kxtest::noise(8, 4100, CV_32F, 7, -4.0, -0.25);
     float const *pa = a.ptr<float>();
@@ -57,23 +53,15 @@ TEST(PxInvert3x3, AdjugateOverDeterminantAtAnyStridesAndZerosWhenSingular) {
             std::vector<float> src(40, -7.0f), dst(40, -7.0f);
             for (int k = 0; k < 9; ++k)
                 src[(k / 3 * in[0] + k % 3 * in[1]) / 4] = m[k];
-            std::vector<float> const srcBefore = src;
             ASSERT_EQ(pxInvert3x3(src.data(), in[0], in[1], buffer, dst.data(), out[0], out[1]), 0);
             for (int k = 0; k < 9; ++k)
-                EXPECT_NEAR(dst[(k / 3 * out[0] + k % 3 * out[1]) / 4], inv[k], 1e-5)
-                    << k << " of " << in[0] << "/" << in[1] << " -> " << out[0] << "/" << out[1];
-            EXPECT_EQ(src, srcBefore);
+                EXPECT_NEAR(dst[(k / 3 * out[0] + k % 3 * out[1]) / 4], inv[k], 1e-5) << k;
             EXPECT_EQ(std::count(dst.begin(), dst.end(), -7.0f), 40 - 9) << "stray";
         }
-    // Rank 2, two proportional rows, all zero: a status and zeros.
-    float const singular[][9] = {
-        {1, 2, 3, 4, 5, 6, 7, 8, 9}, {1, 2, 3, 2, 4, 6, 0, 0, 1}, {0, 0, 0, 0, 0, 0, 0, 0, 0}};
-    for (auto const &s : singular) {
-        float d[9] = {7, 7, 7, 7, 7, 7, 7, 7, 7};
-        EXPECT_EQ(pxInvert3x3(s, 12, 4, buffer, d, 12, 4), pxStsSingularErr);
-        EXPECT_EQ(std::count(d, d + 9, 0.0f), 9);
-    }
+    // Rank 2: a status and zeros.
+    float const singular[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
+    float d[9] = {7, 7, 7, 7, 7, 7, 7, 7, 7};
+    EXPECT_EQ(pxInvert3x3(singular, 12, 4, buffer, d, 12, 4), pxStsSingularErr);
+    EXPECT_EQ(std::count(d, d + 9, 0.0f), 9);
     EXPECT_EQ(pxInvert3x3(m, 12, 4, nullptr, buffer, 12, 4), pxStsNullPtrErr);
 }
-
-}  // namespace

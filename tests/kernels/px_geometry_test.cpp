@@ -3,22 +3,20 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <type_traits>
 #include <vector>
 
 #include "kestrix1/kernels/px_geometry.h"
 #include "tests/support/elementwise.h"
 
-namespace {
-
-using kxtest::PaddedMat;
-
-// The value at (u, v) of a region d of doubles, its edges replicated, by the plain form of
-// an interpolation: the cubic is Keys' with a = -0.75, that of cv::resize. A nearest centre
-// halfway between two pixels may take either: `got` settles it.
+// The value at (u, v) of a region d of T, its edges replicated, by the plain form of an
+// interpolation (the cubic is Keys' with a = -0.75, that of cv::resize), saturated as T. A
+// nearest centre halfway between two pixels may take either: `got` settles it.
+template <class T>
 double plainValue(cv::Mat const &d, int interpolation, double u, double v, double got) {
     auto at = [&](int x, int y) {
-        return d.at<double>(std::clamp(y, 0, d.rows - 1), std::clamp(x, 0, d.cols - 1));
+        return double(d.at<T>(std::clamp(y, 0, d.rows - 1), std::clamp(x, 0, d.cols - 1)));
     };
     int const x = int(std::floor(u + 0.5)), y = int(std::floor(v + 0.5));
     int const x0 = int(std::ceil(u - 0.5)), y0 = int(std::ceil(v - 0.5));  // x, y but for ties
@@ -35,7 +33,7 @@ double plainValue(cv::Mat const &d, int interpolation, double u, double v, doubl
     for (int j = -2; j <= 2; ++j)
         for (int i = -2; i <= 2; ++i)
             r += weight(u - x - i) * weight(v - y - j) * at(x + i, y + j);
-    return r;
+    return std::clamp<double>(r, std::numeric_limits<T>::lowest(), std::numeric_limits<T>::max());
 }
 
 template <class T>
@@ -43,14 +41,11 @@ class PxGeometry : public ::testing::Test {};
 using GeometryTypes = ::testing::Types<std::uint8_t, std::uint16_t, float>;
 TYPED_TEST_SUITE(PxGeometry, GeometryTypes);
 
-// The region {1, 1, w, 3} of a noisy image, whose pixels around the region differ from its
-// edges, resized into the inner region of a padded target full of noise: pixels whose
-// centres map inside the source region must be the plain value (integers rounded and, past
-// the cubic's overshoot on noise, saturated), all others must keep their old value.
+// A region of noise resized into the inner part of a noisy target: pixels whose centres map
+// inside the region take the plain value, all others keep theirs.
 TYPED_TEST(PxGeometry, ResizeMatchesThePlainInterpolations) {
     using T = TypeParam;
     constexpr bool fp = std::is_floating_point_v<T>;
-    double const lo = fp ? -1e300 : 0.0, hi = fp ? 1e300 : kxtest::topOf<T>();
     // Half-pixel grids (x2, x1/2, x4 by x1/4 with shifts), then general factors and shifts.
     double const mappings[][4] = {
         {2, 2, 0, 0},        {0.5, 0.5, 0, 0},         {2, 1, 0.5, 2},
@@ -60,11 +55,10 @@ TYPED_TEST(PxGeometry, ResizeMatchesThePlainInterpolations) {
         for (int w : kxtest::kAwkwardWidths)
             for (auto const &g : mappings) {
                 cv::Mat const image = kxtest::fullRangeNoise<T>(5, w + 2, 1, 1000 + w);
-                cv::Mat region;
-                image(cv::Rect(1, 1, w, 3)).convertTo(region, CV_64F);
+                cv::Mat const region = image(cv::Rect(1, 1, w, 3));
                 int const cols = int(std::ceil((w + 2) * g[0] + std::fabs(g[2]))) + 3;
                 int const rows = int(std::ceil(5 * g[1] + std::fabs(g[3]))) + 3;
-                PaddedMat dst(rows, cols, cv::DataType<T>::type);
+                kxtest::PaddedMat dst(rows, cols, cv::DataType<T>::type);
                 kxtest::fullRangeNoise<T>(rows, cols, 1, 99).copyTo(dst.view);
                 cv::Mat const before = dst.view.clone();
                 IppiRect const dstRoi{1, 1, cols - 2, rows - 2};
@@ -86,14 +80,11 @@ TYPED_TEST(PxGeometry, ResizeMatchesThePlainInterpolations) {
                             !cv::Rect2d(0, 0, w, 3).contains({u + 0.5, v + 0.5}))
                             moved += got != before.at<T>(y, x);
                         else
-                            wrong +=
-                                std::fabs(got - std::clamp(plainValue(region, inter, u, v, got), lo,
-                                                           hi)) > tol;
+                            wrong += std::fabs(got - plainValue<T>(region, inter, u, v, got)) > tol;
                     }
                 EXPECT_TRUE(moved == 0 && wrong == 0 && dst.paddingIntact())
                     << moved << " moved, " << wrong << " wrong: interpolation " << inter
-                    << ", width " << w << ", mapping " << g[0] << " " << g[1] << " " << g[2] << " "
-                    << g[3];
+                    << ", width " << w << ", mapping " << &g - mappings;
             }
 }
 
@@ -102,53 +93,43 @@ TYPED_TEST(PxGeometry, ReplicateBorderAndCopy) {
     using T = TypeParam;
     int const top = 2, left = 3, h = 4, type = cv::DataType<T>::type;
     for (int w : kxtest::kAwkwardWidths) {
-        PaddedMat src(h, w, type), dst(h + top + 2, w + left + 1, type, 40), in(h + 4, w + 4, type);
+        kxtest::PaddedMat src(h, w, type), dst(h + 4, w + 4, type, 40);
         kxtest::fullRangeNoise<T>(h, w, 1, w).copyTo(src.view);
+        cv::Mat want;
+        cv::copyMakeBorder(src.view, want, top, 2, left, 1, cv::BORDER_REPLICATE);
         IppiSize const outer{w + 4, h + 4};
         ASSERT_EQ(pxCopyReplicateBorder(src.ptr<T>(), src.step(), {w, h}, dst.ptr<T>(), dst.step(),
                                         outer, top, left),
                   pxStsNoErr);
+        EXPECT_EQ(cv::norm(dst.view, want, cv::NORM_INF), 0.0) << "width " << w;
         // The same frame drawn in place around a copy of src.
-        in.view.setTo(0);
-        src.view.copyTo(in.view(cv::Rect(left, top, w, h)));
-        ASSERT_EQ(pxReplicateBorderInPlace(in.view.ptr<T>(top) + left, in.step(), {w, h}, outer,
+        dst.view.setTo(0);
+        src.view.copyTo(dst.view(cv::Rect(left, top, w, h)));
+        ASSERT_EQ(pxReplicateBorderInPlace(dst.view.ptr<T>(top) + left, dst.step(), {w, h}, outer,
                                            top, left),
                   pxStsNoErr);
-        cv::Mat want;
-        cv::copyMakeBorder(src.view, want, top, 2, left, 1, cv::BORDER_REPLICATE);
-        EXPECT_EQ(cv::norm(dst.view, want, cv::NORM_INF), 0.0) << "width " << w;
-        EXPECT_EQ(cv::norm(in.view, want, cv::NORM_INF), 0.0) << "in place, width " << w;
-        EXPECT_TRUE(dst.paddingIntact() && in.paddingIntact());
+        EXPECT_TRUE(cv::norm(dst.view, want, cv::NORM_INF) == 0 && dst.paddingIntact()) << w;
     }
     kxtest::forEachWidth<T>(
         3, 4, false, 0, [](double v, auto...) { return v; },
         [](auto c) { return pxCopy(c.s, c.ss, c.d, c.ds, c.z, 3); });
 }
 
+// One call per kind of failure, and the documented ranges of channels and interpolation.
 TEST(PxGeometryArguments, FailingCallsReportAndLeaveTheOutputAlone) {
     cv::Mat dst = kxtest::noise(8, 8, CV_16U, 4, 0, 65536);
     cv::Mat const before = dst.clone();
-    std::vector<std::uint8_t> buf(4096);
-    auto *d = dst.ptr<std::uint16_t>(), *inner = dst.ptr<std::uint16_t>(1) + 1;
+    std::uint8_t b[64];  // never reached
+    auto *d = dst.ptr<std::uint16_t>();
     IppiRect const r{0, 0, 4, 4}, dr{0, 0, 8, 8};
     int const ds = int(dst.step), lin = pxInterLinear;
-    std::uint8_t *b = buf.data();
     EXPECT_EQ(pxResize(d, {4, 4}, ds, r, d, ds, dr, 2, 2, 0, 0, lin, nullptr), pxStsNullPtrErr);
     EXPECT_EQ(pxResize(d, {4, 4}, ds, r, d, 7, dr, 2, 2, 0, 0, lin, b), pxStsStepErr);
     EXPECT_EQ(pxResize(d, {4, 4}, ds, {4, 0, 3, 3}, d, ds, dr, 2, 2, 0, 0, lin, b),
               pxStsSizeErr);  // a region outside the image
-    EXPECT_EQ(pxResize(d, {4, 4}, ds, r, d, ds, {-1, 0, 8, 8}, 2, 2, 0, 0, lin, b), pxStsSizeErr);
-    EXPECT_EQ(pxResize(d, {4, 4}, ds, r, d, ds, dr, 2, -1, 0, 0, lin, b), pxStsBadArgErr);
     EXPECT_EQ(pxResize(d, {4, 4}, ds, r, d, ds, dr, 2, 2, 0, 0, 3, b), pxStsBadArgErr);
     int bytes = -1;
-    EXPECT_EQ(pxResizeBufferSize(r, dr, 3, lin, &bytes), pxStsBadArgErr);
-    EXPECT_EQ(pxResizeBufferSize(r, {0, 0, 8, 0}, 1, lin, &bytes), pxStsSizeErr);
-    EXPECT_EQ(bytes, -1);
-    // A frame that does not fit, and for the in-place form a step shorter than the outer row.
-    EXPECT_EQ(pxCopyReplicateBorder(d, ds, {4, 3}, d, ds, {7, 5}, 3, 1), pxStsSizeErr);
-    EXPECT_EQ(pxReplicateBorderInPlace(inner, 10, {4, 3}, {7, 5}, 1, 1), pxStsStepErr);
+    EXPECT_TRUE(pxResizeBufferSize(r, dr, 3, lin, &bytes) == pxStsBadArgErr && bytes == -1);
     EXPECT_EQ(pxCopy(d, ds, d, ds, {1, 1}, 0), pxStsBadArgErr);
     EXPECT_EQ(cv::norm(dst, before, cv::NORM_INF), 0.0);
 }
-
-}  // namespace

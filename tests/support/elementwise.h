@@ -1,5 +1,4 @@
-// A check of kernels whose every output element follows a rule from the source, run over
-// every awkward width.
+// A check of kernels whose every output element follows a rule, over every awkward width.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -21,11 +20,9 @@ struct KernelCall {
     IppiSize z;
 };
 
-// For every awkward width: run(call) from a padded region of full-range noise into a padded
-// target with another step (inPlace: the target starts as a copy of the source). Element i
-// of row y of dst must be want(v, y, i, at) within tol, for v the source's element there and
-// at(y, i) any source element. Called again from inside a parallel region, where it runs on
-// the calling thread, the kernel must give the same.
+// run(call) from padded full-range noise into a padded target (inPlace: a copy of the source).
+// Element i of row y must be want(v, y, i, at) within tol, for v the source element there and
+// at(y, i) any; the same again from inside a parallel region, where it runs on one thread.
 template <class S, class D = S, class Want, class Run>
 void forEachWidth(int channels, int rows, bool inPlace, double tol, Want want, Run run) {
     for (int w : kAwkwardWidths) {
