@@ -90,11 +90,9 @@ TEST(TLut1D, ApplyMatchesPlainLookUpAndThrows) {
                     ASSERT_EQ(px(dst.view, y, x), lut.at(px(src, y, x) & mask)) << in << out << x;
         }
     }
-    TLut1D lut(2, 2);
-    cv::Mat out;
-    EXPECT_EQ(thrown([&] { lut.apply(cv::Mat(3, 3, CV_8U), out); }),
+    EXPECT_EQ(thrown([] { TLut1D(2, 2).apply(cv::Mat(3, 3, CV_8U), cv::Mat()); }),
               "ERROR - TLut1D::apply - src.depth() is not the table's input type");
-    EXPECT_EQ(thrown([&] { lut.apply(cv::Mat(), out); }), "(nothing thrown)");
+    EXPECT_EQ(thrown([] { TLut1D(2, 2).apply(cv::Mat(), cv::Mat()); }), "(nothing thrown)");
 }
 
 // Slope s and zone t by hand: c' = c + (1.5 - c) a / 1.5 (8 bits: c + (1 - c) a), s = 1 +
@@ -107,7 +105,7 @@ TEST(TLut16U, ContrastLineByHand) {
         float smooth, a, b, c, d, s;
         int t;
     } const lines[] = {
-        {false, 8191, 0, -0.75f, 0, 0, -1, 0.25f, -3276},  // -0.4 x 8191
+        {false, 8191, 0, -0.75f, 0, 0.3f, -1, 1 + (0.3f + (1.5f + 0.3f) * -0.75f / 1.5f), -3276},
         {false, 8191, 0, 0.5f, 0, 0.3f, 0, 1 + 5 * (0.3f + 1.2f * 0.5f / 1.5f), 0},
         {false, 8191, 0, 0, 0, 1, 1, 6, 1365},            // 8191 / 6
         {false, 8191, 0, 0, -1, 0, 0.5f, 1, -273},        // d' = 0.5 - 2 x 0.4 / 1.5
@@ -116,14 +114,13 @@ TEST(TLut16U, ContrastLineByHand) {
         {false, 8191, 0.35f, 0, 0, 0.5f, 0.5f, 3.5f, 1170},
         {true, 10, 0.5f, 0, 0, 0, 0.2f, 1, 2},
         {true, 10, 0.51f, 0, 0, 0, 0.2f, 1, 2},
-        {true, 10, 0, -0.5f, -0.5f, 0, -0.2f, 0.5f, -6},  // d' = -0.2 - 0.4
+        {true, 10, 0, -0.5f, -0.5f, 0.2f, -0.2f, 1 + (0.2f + 1.2f * -0.5f), -6},  // d' = -0.6
         {true, 10, 0, 0.5f, 0, 0, 0, 3.5f, 0},
     };
     std::vector<double> const gap = lineRef(65536, 6, 1365, 0);  // the gap's ends
     EXPECT_TRUE(gap[32767] == 24578 && gap[32768] == 40958);
     Open<TLut16U> lut16;
-    Open<TLut8U> lut8;
-    Open<TLut8U> const copy(lut8);  // shares the table
+    Open<TLut8U> lut8, copy(lut8);  // copies share the table
     auto check = [](auto &lut, Line const &k) {
         lut.setKRange(0, 6, k.range, k.smooth);
         lut.setupLinearThreshold(k.a, k.b, k.c, k.d);
@@ -145,15 +142,16 @@ TEST(TLut16U, ContrastLineByHand) {
 }
 
 // The light curve against the spline through its five points, read linearly after the line.
-TEST(TLut16U, LightAdjust) {
+// For (0, 0, 0) the black-to-white curve leaves the origin flat up to P1 = (0.025, 0.025); from
+// knot k on, the table follows Lagrange's cubic through knots k - 1..k + 2, exact at k.
+TEST(TLut16U, LightAndBlackMedToneWhiteCurves) {
     Open<TLut16U> lut;
-    float const a = 0.3f, b = 0.4f, c = 0.8f, d = -0.6f;
+    float const a = 0.3f, b = 0.4f, c = 0.8f, d = -0.6f, *curve = lut.curve();
     lut.setupLightAdjust(a, b, c, d);
     TSpline s(5);
     s.setCtrPoint(1, 0.25f, (0.5f + 0.35f * c) * 0.5f);
     s.setCtrPoint(3, 0.75f, 1 - (0.5f - 0.35f * d) * 0.5f);
     s.update();
-    float const *curve = lut.curve();
     for (int i = 0; i < 64; ++i)
         ASSERT_FLOAT_EQ(curve[i], std::clamp(s.value(i / 63.0f), 0.0f, 1.0f)) << i;
     float const slope = 1 + 5 * b, offset = (1 - slope) * 32768 + 13106.8f * a;
@@ -163,14 +161,9 @@ TEST(TLut16U, LightAdjust) {
         double const want = ((lo + 1 - v) * curve[lo] + (v - lo) * curve[hi]) * 65535;
         EXPECT_NEAR(lut.at(i), std::clamp(want, 0.0, 65535.0), 1.0) << i;
     }
-}
 
-// For (0, 0, 0) the curve leaves the origin flat up to P1 = (0.025, 0.025). From knot k on,
-// the table follows Lagrange's cubic through knots k - 1..k + 2 (kept inside), exact at k.
-TEST(TLut16U, BlackMedToneWhite) {
-    Open<TLut16U> lut;
     lut.setupBlackMedToneWhiteAdjust(0, 0, 0);
-    float const *curve = lut.curve(), u = (1 / 63.0f) / 0.025f;
+    float const u = (1 / 63.0f) / 0.025f;
     EXPECT_EQ(curve[0], 0.0f);
     EXPECT_NEAR(curve[1], 0.025f * (2 * u * u - u * u * u), 1e-6f);
     auto knot = [](int i) { return int(65535.5 * (i / 63.0f)); };  // knot i's code

@@ -75,10 +75,9 @@ TEST(TLutY16U, ProcMapsThePlaneThroughFourThousandSamplesEnlarged) {
 }
 
 // 2^min(nc, 5) tables, none for a negative nc; a lowered count is the ceiling for good. One
-// table samples Y = 32767 and even chroma codes enlarged by 2, so entry (dr, db) holds about
-// (127, db - 0.5) (limited to 0..254), and both chroma forms read it alone. Without a table
-// the six-plane form maps Y only, as the one-plane form does in place. Then every thrown
-// text, types before sizes.
+// table samples Y = 32767 and even chroma codes enlarged by 2: entry (dr, db) holds about
+// (127, db - 0.5) within 0..254, and both chroma forms read it alone. With none, the six-plane
+// form maps Y only, as the one-plane form does in place. Thrown texts: types before sizes.
 TEST(TLutYDrDb, TableCountOneTableNoTableAndThrownTexts) {
     Probe nine(9), none(-1), p(4), grow(1), one(0);
     EXPECT_TRUE(nine.m_NC == 5 && nine.numCLUT() == 32 && nine.m_lutC_p[31] != nullptr);

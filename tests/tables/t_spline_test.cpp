@@ -27,8 +27,8 @@ double poly(int n, double x) {
 }
 
 // On uneven spacing and beyond the ends. A new spline lies on the identity; an assigned copy
-// shares points and coefficients with the original.
-TEST(TSpline, ReproducesPolynomials) {
+// shares points and coefficients with the original. Then the helpers by hand.
+TEST(TSpline, ReproducesPolynomialsAndHelpersByHand) {
     EXPECT_TRUE(TSpline(5).ctrPx(1) == 0.25f && TSpline(5).ctrPy(3) == 0.75f);
     Floats const xs = {-0.3f, 0.1f, 0.25f, 0.7f, 0.8f, 1.3f};
     for (int n = 2; n <= 6; ++n) {
@@ -40,9 +40,6 @@ TEST(TSpline, ReproducesPolynomials) {
         for (float t = xs[0] - 0.2f; t <= xs[n - 1] + 0.2f; t += 0.01f)
             EXPECT_NEAR(copy.value(t), poly(n, t), 2e-5) << "n " << n << " t " << t;
     }
-}
-
-TEST(TSpline, HelpersByHand) {
     // Not a knot: on data no cubic fits, d is the same either side of knots 1 and n - 2.
     float x[6] = {0.0f, 0.2f, 0.35f, 0.6f, 0.9f, 1.0f}, y[6] = {0, 0.4f, 0.1f, 0.8f, 0.3f, 1};
     float b[6], c[6], d[6];
@@ -109,7 +106,6 @@ TEST(MCSpline, LimitedTangentsAndBracketsByHand) {
     for (float u : {0.25f, 0.5f, 0.75f})
         EXPECT_NEAR(o.value(0.2f * u), 0.2f * OpenMC::H01(u) + 0.2f * mHi * OpenMC::H11(u), 1e-6f);
     float const last = (o.ctrPy(3) - 0.5f) / (o.ctrPx(3) - 0.5f);
-    EXPECT_NEAR(o.value(1.3f), 0.6f + last * 0.5f, 1e-5f);
     EXPECT_NEAR(o.value(3.0f), 0.6f + last * 2.2f, 1e-5f);
 }
 
