@@ -1,5 +1,4 @@
-// The light-adjust table: its parameters and curve, and single pixels worked by hand from the
-// formulas.
+// The light-adjust table: its parameters and curve, and single pixels worked by hand.
 #include "kestrix1/tables/t_light_adj_lut_d3.h"
 
 #include <gtest/gtest.h>
@@ -48,8 +47,7 @@ TEST(TLightAdjLUTd3, ParametersCurveAndPixelsByHand) {
         EXPECT_NEAR(t.y(Y), 65535 * n * gain, 3.0) << Y;
     }
     EXPECT_NEAR(t.y(65000), 65000, 1.0);
-    // A huge negative exposure reads the user curve below its first knot: user = 0.001,
-    // and at Y = 65535 the reference is 1, so the gain is 0.001 / 1.001.
+    // A huge negative exposure: user = 0.001 below the first knot over the reference 1 at the top.
     t.setupParams(-10.0f, 0, 0, 0, 0, 0);
     EXPECT_NEAR(t.y(65535), 65535 * 0.001 / 1.001, 1.0);
     // A saturated red brightened past 1 is pulled towards its least component until R is

@@ -1,10 +1,10 @@
-// The Y and chroma tables through mappings whose tables can be worked out by hand: a gain on
-// Y, and chroma that records the band of Y it was sampled at.
+// The Y and chroma tables through mappings whose tables can be worked out by hand.
 #include "kestrix1/tables/t_lut_y.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <cstdint>
@@ -75,9 +75,10 @@ TEST(TLutY16U, ProcMapsThePlaneThroughFourThousandSamplesEnlarged) {
 }
 
 // 2^min(nc, 5) tables, none for a negative nc; a lowered count is the ceiling for good. One
-// table samples Y = 32767 and even chroma codes enlarged by 2, so entry (dr, db) holds about
-// (127, db - 0.5) (limited to 0..254).
-TEST(TLutYDrDb, TableCountAndTablesFromTheMapping) {
+// table samples Y = 32767 and even chroma codes enlarged by 2: entry (dr, db) holds about
+// (127, db - 0.5) within 0..254, and both chroma forms read it alone. With none, the six-plane
+// form maps Y only, as the one-plane form does in place. Thrown texts: types before sizes.
+TEST(TLutYDrDb, TableCountOneTableNoTableAndThrownTexts) {
     Probe nine(9), none(-1), p(4), grow(1), one(0);
     EXPECT_TRUE(nine.m_NC == 5 && nine.numCLUT() == 32 && nine.m_lutC_p[31] != nullptr);
     EXPECT_TRUE(none.numCLUT() == 0 && none.m_lutC_p[0] == nullptr && p.m_lutC_p[16] == nullptr);
@@ -91,6 +92,38 @@ TEST(TLutYDrDb, TableCountAndTablesFromTheMapping) {
         ASSERT_LE(std::fabs((t & 255) - std::clamp((e & 255) - 0.5, 0.0, 254.0)), 0.5) << e;
         ASSERT_EQ(t >> 8, 127) << e;
     }
+    cv::Mat const dr = kxtest::noise(7, 9, CV_8UC1, 4, 0, 256);
+    cv::Mat const db = kxtest::noise(7, 9, CV_8UC1, 5, 0, 256);
+    cv::Mat const y(7, 9, CV_16UC1, cv::Scalar(60000));
+    cv::Mat a1, b1, a5, b5, oY, inOut = y.clone(), f(3, 3, CV_32FC1), empty;
+    one.applyCLUT(dr, db, a1, b1);
+    one.applyCLUT(y, dr, db, a5, b5);
+    u16 const t = one.m_lutC_p[0][(dr.at<u8>(3, 4) << 8) | db.at<u8>(3, 4)];
+    EXPECT_TRUE(a1.at<u8>(3, 4) == t >> 8 && b1.at<u8>(3, 4) == (t & 255));
+    EXPECT_EQ(cv::norm(a1, a5, cv::NORM_INF) + cv::norm(b1, b5, cv::NORM_INF), 0.0);
+    a5.setTo(33);
+    EXPECT_TRUE(none.proc(y, dr, db, oY, a5, b5) && none.proc(inOut));
+    EXPECT_EQ(cv::countNonZero(a5 != 33), 0);
+    EXPECT_NEAR(oY.at<u16>(6, 8), 30000 - 4, 1);  // (60000 - 7.5) / 2
+    EXPECT_EQ(cv::norm(inOut, oY, cv::NORM_INF), 0.0);
+    EXPECT_TRUE(none.proc(empty) && none.proc(empty, dr, db, oY, a5, b5));  // at once
+
+    std::string const noTable = "ERROR - TLutYDrDb::applyCLUT - m_NC<1 ";
+    EXPECT_EQ(thrown([&] { none.applyCLUT(dr, db, a1, b1); }), noTable);
+    EXPECT_EQ(thrown([&] { none.applyCLUT(y, dr, db, a1, b1); }), noTable);
+    std::string const types =
+        "ERROR - TLutYDrDb::proc - inY16U.type()!=CV_16UC1 || inDr8U.type!=CV_8UC1 || "
+        "inDb8U.type()!=CV_8UC1";
+    for (auto const &m : {std::array{dr, dr, dr}, {y, y, dr}, {y, empty, y}})
+        EXPECT_EQ(thrown([&] { one.proc(m[0], m[1], m[2], oY, a1, b1); }), types);
+    EXPECT_EQ(thrown([&] { one.proc(y, dr, empty, oY, a1, b1); }),
+              "ERROR - TLutYDrDb::proc inY16U.size != inDr8U.size || inY16U.size!= inDb8U.size");
+    std::string const chroma =
+        "ERROR -TLutYDrDb::applyCLUT: inDr.type() !=inDb_p.type() || inDr.type() != CV_8UC1";
+    EXPECT_EQ(thrown([&] { one.applyCLUT(y, y, a1, b1); }), chroma);
+    EXPECT_EQ(thrown([&] { one.applyCLUT(dr, y, a1, b1); }), chroma);
+    EXPECT_EQ(thrown([&] { one.applyCLUT(y, dr, y, a1, b1); }), chroma);
+    EXPECT_EQ(thrown([&] { one.proc(f); }), "ERROR - TLutYDrDb::proc - inOutY16U.type()!=CV_16UC1");
 }
 
 // Band k is sampled at Y = 4096 k + 2048, so its Dr is 16 k + 8. Weights: 1 inside a band, 2
@@ -105,48 +138,6 @@ TEST(TLutYDrDb, ProcAppliesBandsWithTheirWeights) {
     EXPECT_EQ(cv::norm(oDr, want, cv::NORM_INF), 0.0) << oDr;
     EXPECT_EQ(cv::countNonZero(oDb != (p.m_lutC_p[3][(100 << 8) | 60] & 255)), 0) << oDb;
     EXPECT_EQ(oY.at<u16>(0, 0), 2496);  // 5000 / 2 read from the samples 4992 and 5008
-}
-
-// One table: both chroma forms read it alone. No table: the six-plane form maps Y only, as
-// the one-plane form does in place. Then every thrown text, types before sizes.
-TEST(TLutYDrDb, OneTableNoTableAndThrownTexts) {
-    Probe one(0), none(-1);
-    one.computeLUT();
-    cv::Mat const dr = kxtest::noise(7, 9, CV_8UC1, 4, 0, 256);
-    cv::Mat const db = kxtest::noise(7, 9, CV_8UC1, 5, 0, 256);
-    cv::Mat const y(7, 9, CV_16UC1, cv::Scalar(60000)), c(7, 9, CV_8UC1, cv::Scalar(1));
-    cv::Mat a1, b1, a5, b5, oY, inOut = y.clone(), f(3, 3, CV_32FC1);
-    one.applyCLUT(dr, db, a1, b1);
-    one.applyCLUT(y, dr, db, a5, b5);
-    u16 const t = one.m_lutC_p[0][(dr.at<u8>(3, 4) << 8) | db.at<u8>(3, 4)];
-    EXPECT_TRUE(a1.at<u8>(3, 4) == t >> 8 && b1.at<u8>(3, 4) == (t & 255));
-    EXPECT_EQ(cv::norm(a1, a5, cv::NORM_INF) + cv::norm(b1, b5, cv::NORM_INF), 0.0);
-
-    std::string const noTable = "ERROR - TLutYDrDb::applyCLUT - m_NC<1 ";
-    EXPECT_EQ(thrown([&] { none.applyCLUT(dr, db, a1, b1); }), noTable);
-    EXPECT_EQ(thrown([&] { none.applyCLUT(y, dr, db, a1, b1); }), noTable);
-    a1.setTo(33);
-    EXPECT_TRUE(none.proc(y, dr, db, oY, a1, b1) && none.proc(inOut));
-    EXPECT_EQ(cv::countNonZero(a1 != 33), 0);
-    EXPECT_NEAR(oY.at<u16>(6, 8), 30000 - 4, 1);  // (60000 - 7.5) / 2
-    EXPECT_EQ(cv::norm(inOut, oY, cv::NORM_INF), 0.0);
-    cv::Mat empty;  // returns at once
-    EXPECT_TRUE(none.proc(empty) && none.proc(empty, dr, db, oY, a1, b1));
-
-    std::string const types =
-        "ERROR - TLutYDrDb::proc - inY16U.type()!=CV_16UC1 || inDr8U.type!=CV_8UC1 || "
-        "inDb8U.type()!=CV_8UC1";
-    EXPECT_EQ(thrown([&] { one.proc(c, c, c, oY, a1, b1); }), types);
-    EXPECT_EQ(thrown([&] { one.proc(y, y, c, oY, a1, b1); }), types);
-    EXPECT_EQ(thrown([&] { one.proc(y, cv::Mat(2, 2, CV_8UC1), y, oY, a1, b1); }), types);
-    EXPECT_EQ(thrown([&] { one.proc(y, c, cv::Mat(4, 4, CV_8UC1), oY, a1, b1); }),
-              "ERROR - TLutYDrDb::proc inY16U.size != inDr8U.size || inY16U.size!= inDb8U.size");
-    std::string const chroma =
-        "ERROR -TLutYDrDb::applyCLUT: inDr.type() !=inDb_p.type() || inDr.type() != CV_8UC1";
-    EXPECT_EQ(thrown([&] { one.applyCLUT(y, y, a1, b1); }), chroma);
-    EXPECT_EQ(thrown([&] { one.applyCLUT(c, y, a1, b1); }), chroma);
-    EXPECT_EQ(thrown([&] { one.applyCLUT(y, c, y, a1, b1); }), chroma);
-    EXPECT_EQ(thrown([&] { one.proc(f); }), "ERROR - TLutYDrDb::proc - inOutY16U.type()!=CV_16UC1");
 }
 
 // TLutY maps a Y16U image, TLutC both planes of a C8U2 image through table 0 (here one entry
