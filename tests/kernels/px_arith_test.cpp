@@ -7,6 +7,8 @@
 #include "kestrix1/kernels/px_arith.h"
 #include "tests/support/elementwise.h"
 
+namespace {
+
 // Every form on the checked region b; a is negative (results of both signs, no zero divisor).
 TEST(PxArithmetic, EveryFormTakesOperandsInOrder) {
     cv::Mat const a = kxtest::noise(8, 4100, CV_32F, 7, -4.0, -0.25);
@@ -65,3 +67,5 @@ TEST(PxInvert3x3, AdjugateOverDeterminantAtAnyStridesAndZerosWhenSingular) {
     EXPECT_EQ(std::count(d, d + 9, 0.0f), 9);
     EXPECT_EQ(pxInvert3x3(m, 12, 4, nullptr, buffer, 12, 4), pxStsNullPtrErr);
 }
+
+}  // namespace

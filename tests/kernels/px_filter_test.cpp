@@ -9,6 +9,8 @@
 #include "kestrix1/kernels/px_filter.h"
 #include "tests/support/elementwise.h"
 
+namespace {
+
 // The awkward widths, and a region large enough to be split among threads.
 IppiSize const kSizes[] = {{1, 3}, {7, 4}, {33, 3}, {4099, 3}, {4099, 9}};
 
@@ -136,3 +138,5 @@ TEST(PxFilterArguments, FailingCallsReportAndLeaveTheOutputAlone) {
     EXPECT_EQ(pxDilate(s, ss, s, ss, size, zeros, m, {1, 1}), pxStsBadArgErr);
     EXPECT_EQ(cv::norm(plane, before, cv::NORM_INF), 0.0);
 }
+
+}  // namespace

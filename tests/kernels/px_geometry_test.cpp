@@ -10,6 +10,8 @@
 #include "kestrix1/kernels/px_geometry.h"
 #include "tests/support/elementwise.h"
 
+namespace {
+
 // The value at (u, v) of a region d of T, its edges replicated, by the plain form of an
 // interpolation (the cubic is Keys' with a = -0.75, that of cv::resize), saturated as T. A
 // nearest centre halfway between two pixels may take either: `got` settles it.
@@ -133,3 +135,5 @@ TEST(PxGeometryArguments, FailingCallsReportAndLeaveTheOutputAlone) {
     EXPECT_EQ(pxCopy(d, ds, d, ds, {1, 1}, 0), pxStsBadArgErr);
     EXPECT_EQ(cv::norm(dst, before, cv::NORM_INF), 0.0);
 }
+
+}  // namespace

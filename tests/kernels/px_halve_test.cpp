@@ -8,9 +8,11 @@
 #include "tests/support/images.h"
 #include "tests/support/vector_paths.h"
 
+namespace {
+
 // Whether pxHalveCubic, and pxResize at factor 0.5 (which hands it such planes), give what
 // cv::resize gives.
-static bool halvesLikeResize(cv::Mat const &src) {
+bool halvesLikeResize(cv::Mat const &src) {
     IppiSize const size{src.cols, src.rows};
     cv::Mat out(src.rows / 2, src.cols / 2, CV_16UC1), general = out.clone(), want;
     std::vector<std::uint8_t> buffer(1 << 16);  // more than pxResizeBufferSize asks for
@@ -42,3 +44,5 @@ TEST(PxHalve, MatchesCvResizeBitForBitAndSaturatesLikeIt) {
     EXPECT_EQ(pxHalveCubic(p, 12, {5, 2}, p, 16), pxStsSizeErr);
     EXPECT_EQ(pxHalveCubic(p, 12, {6, 2}, p, 4), pxStsStepErr);
 }
+
+}  // namespace

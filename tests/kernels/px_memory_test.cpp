@@ -8,8 +8,10 @@
 #include "kestrix1/kernels/px_memory.h"
 #include "tests/support/images.h"
 
+namespace {
+
 // An aligned block of `bytes`, every byte written so that the sanitizers see a short one.
-static void use(void *p, std::size_t bytes) {
+void use(void *p, std::size_t bytes) {
     ASSERT_NE(p, nullptr);
     EXPECT_EQ(reinterpret_cast<std::uintptr_t>(p) % kxAlign, 0u);
     std::memset(p, 0x5A, bytes);
@@ -49,3 +51,5 @@ TEST(PxMemory, BlocksAreAlignedAndNullBelowOneAndTempPlanesOnHugePageBoundaries)
     large.release();
     EXPECT_EQ(shared.at<float>(1023, 1024), 1.0f);
 }
+
+}  // namespace

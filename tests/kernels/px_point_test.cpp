@@ -9,6 +9,8 @@
 #include "kestrix1/kernels/px_point.h"
 #include "tests/support/elementwise.h"
 
+namespace {
+
 template <class T>
 using Lim = std::numeric_limits<T>;
 
@@ -187,3 +189,5 @@ TEST(PxPointRules, TiesGoToEvenAndFailingCallsReport) {
     EXPECT_EQ(pxLutPalette(p, step, p, step, {8, 3}, p, 9), pxStsBadArgErr);
     EXPECT_EQ(cv::norm(img, before, cv::NORM_INF), 0.0);
 }
+
+}  // namespace

@@ -8,6 +8,8 @@
 #include "kestrix1/kernels/px_stats.h"
 #include "tests/support/images.h"
 
+namespace {
+
 template <class T>
 class PxStats : public ::testing::Test {};
 using StatsTypes = ::testing::Types<std::uint16_t, std::int16_t>;
@@ -83,3 +85,5 @@ TEST(PxEvenLevels, TruncatedStepsAndFailingCallsThatWriteNothing) {
     EXPECT_EQ(pxMinMax(p, 6, {3, 2}, &lo, &hi, 2), pxStsBadArgErr);
     EXPECT_TRUE(hist == std::vector<int>(4, -1) && lo == 9 && hi == 9);
 }
+
+}  // namespace
