@@ -1,0 +1,3 @@
+#include "kestrix1/filters/bilateral_filter.h"
+#include <gtest/gtest.h>
+TEST(BilateralFilter, Stub) {}
