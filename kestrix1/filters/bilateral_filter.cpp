@@ -12,6 +12,7 @@
 #include "kestrix1/frame/kestrix.h"
 #include "kestrix1/frame/t_progress.h"
 #include "kestrix1/kernels/parallel.h"
+#include "kestrix1/kernels/px_dispatch.h"
 #include "kestrix1/kernels/px_filter.h"
 #include "kestrix1/kernels/px_memory.h"
 
@@ -69,37 +70,47 @@ Recursion recursion(float sigma, int passes) {
     return {nu, 1.0 / (1.0 - nu), post};
 }
 
-// The recursion on `width` lines at once: element k of line position i sits at
-// d[i * step + k * across]. Every element sees the same operations in the same order as in
-// a one-line run, so how lines are grouped never changes a bit; grouping only lets
-// independent lines overlap in the pipeline (and vectorise when across is 1).
-template <int Across>
-void recurseLines(float *d, int n, std::ptrdiff_t step, int width, std::ptrdiff_t across,
-                  Recursion const &r, int passes) {
-    std::ptrdiff_t const a = Across > 0 ? Across : across;
-    auto scale = [&](float *p, double f) {
+// The recursion on `width` lines side by side: element k of line position i sits at
+// d[i * step + k]. Every element sees the same operations in the same order as in a
+// one-line run, so how lines are grouped never changes a bit; grouping lets independent
+// lines share vector registers. The final scaling by post rides on the last downward sweep,
+// once a position is no longer read.
+KX_VECTOR_CLONES void recurseLines(float *d, int n, std::ptrdiff_t step, int width,
+                                   Recursion const &r, int passes) {
+    double const nu = r.nu, boundary = r.boundary, post = r.post;
+    auto scale = [width](float *p, double f) {
         for (int k = 0; k < width; ++k)
-            p[k * a] = float(p[k * a] * f);
+            p[k] = float(p[k] * f);
     };
-    double const nu = r.nu;
     for (int pass = 0; pass < passes; ++pass) {
-        scale(d, r.boundary);
+        scale(d, boundary);
         for (int i = 1; i < n; ++i) {
             float *c = d + i * step;
             float const *b = c - step;
             for (int k = 0; k < width; ++k)
-                c[k * a] = float(c[k * a] + nu * b[k * a]);
+                c[k] = float(c[k] + nu * b[k]);
         }
-        scale(d + (n - 1) * step, r.boundary);
+        scale(d + (n - 1) * step, boundary);
+        bool const last = pass == passes - 1;
         for (int i = n - 2; i >= 0; --i) {
-            float *c = d + i * step;
-            float const *b = c + step;
-            for (int k = 0; k < width; ++k)
-                c[k * a] = float(c[k * a] + nu * b[k * a]);
+            float *c = d + i * step, *b = c + step;
+            if (last) {
+                for (int k = 0; k < width; ++k) {
+                    c[k] = float(c[k] + nu * b[k]);
+                    b[k] = float(b[k] * post);
+                }
+            } else {
+                for (int k = 0; k < width; ++k)
+                    c[k] = float(c[k] + nu * b[k]);
+            }
         }
     }
-    for (int i = 0; i < n; ++i)
-        scale(d + i * step, r.post);
+    if (passes > 0) {
+        scale(d, post);
+    } else {
+        for (int i = 0; i < n; ++i)
+            scale(d + i * step, post);
+    }
 }
 
 // Rounds to nearest, ties to even, for 0 <= v < 2^22: adding and taking away 1.5 * 2^23
@@ -109,40 +120,56 @@ inline float rintSmall(float v) {
     return (v + magic) - magic;
 }
 
-// Saturates to 0..hi; NaN goes to 0.
-inline float clampTo(float v, float hi) {
-    v = v > 0.0f ? v : 0.0f;
-    return v < hi ? v : hi;
+// rint(v) saturated to lo..hi, for |v| < 2^22 (beyond, the rounding may be off by a unit,
+// but such values lie far outside lo..hi).
+inline int rintClamp(float v, int lo, int hi) {
+    return std::min(std::max(int(rintSmall(v)), lo), hi);
 }
 
 inline float lerp(float a, float b, float f) {
     return a + f * (b - a);
 }
 
-// z = g * a + b in float for one row of the guide.
+// The accumulation's z cells of one guide row: rint(sat8(g * a + b)), at most `last`.
 template <class G>
-void guideRow(G const *g, int n, float a, float b, float *z) {
+KX_VECTOR_CLONES void cellRow(G const *__restrict g, int n, float a, float b, int last,
+                              std::uint8_t *__restrict cell) {
     for (int c = 0; c < n; ++c)
-        z[c] = float(g[c]) * a + b;
+        cell[c] = std::uint8_t(std::min(rintClamp(float(g[c]) * a + b, 0, 255), last));
 }
 
-void guideRow(cv::Mat const &guide, int r, float a, float b, float *z) {
+void cellRow(cv::Mat const &guide, int r, float a, float b, int last, std::uint8_t *cell) {
     if (guide.depth() == CV_8U)
-        guideRow(guide.ptr<std::uint8_t>(r), guide.cols, a, b, z);
+        cellRow(guide.ptr<std::uint8_t>(r), guide.cols, a, b, last, cell);
     else
-        guideRow(guide.ptr<std::uint16_t>(r), guide.cols, a, b, z);
+        cellRow(guide.ptr<std::uint16_t>(r), guide.cols, a, b, last, cell);
 }
 
-// The row's z cells of the accumulation: rint(sat8(z)), at most `last`.
-void cellRow(float const *z, int n, int last, std::uint8_t *cell) {
-    float const top = float(last);
-    for (int c = 0; c < n; ++c)
-        cell[c] = std::uint8_t(std::min(rintSmall(clampTo(z[c], 255.0f)), top));
+// The read-back's z cells and fractions of one guide row: z = g * a + b,
+// zi = rint(sat8(z)), zf = z - zi, and the two cells min(zi, last), min(zi + 1, last).
+template <class G>
+KX_VECTOR_CLONES void depthRow(G const *__restrict g, int n, float a, float b, int last,
+                               int *__restrict z0, int *__restrict z1, float *__restrict zf) {
+    for (int c = 0; c < n; ++c) {
+        float const z = float(g[c]) * a + b;
+        int const zi = rintClamp(z, 0, 255);
+        zf[c] = z - float(zi);
+        z0[c] = std::min(zi, last);
+        z1[c] = std::min(zi + 1, last);
+    }
 }
 
-// Serial accumulation of one image row into its grid row. Consecutive pixels of one cell
-// that fall in the same z cell are summed in registers, starting from the cell's value:
-// the additions are the ones of a pixel-by-pixel pass, in the same order.
+void depthRow(cv::Mat const &guide, int r, float a, float b, int last, int *z0, int *z1,
+              float *zf) {
+    if (guide.depth() == CV_8U)
+        depthRow(guide.ptr<std::uint8_t>(r), guide.cols, a, b, last, z0, z1, zf);
+    else
+        depthRow(guide.ptr<std::uint16_t>(r), guide.cols, a, b, last, z0, z1, zf);
+}
+
+// Serial accumulation in float of one image row into its grid row. Consecutive pixels of
+// one cell that fall in the same z cell are summed in registers, starting from the cell's
+// value: the additions are the ones of a pixel-by-pixel pass, in the same order.
 template <class T>
 void accumulateRow(T const *p, std::uint8_t const *z, int n, int sampleS, int gridD,
                    float *value, float *weight) {
@@ -166,18 +193,68 @@ void accumulateRow(T const *p, std::uint8_t const *z, int n, int sampleS, int gr
     }
 }
 
+// The integer form of the same pass. Each cell keeps its pixel count above bit 40 and its
+// sum of pixel values below, in two sets of counters (even and odd columns) so that
+// neighbouring pixels of one cell do not wait on each other.
+constexpr int kCountShift = 40;
+
+template <class T>
+void countRow(T const *p, std::uint8_t const *z, int const *cellAt, int n,
+              std::uint64_t *even, std::uint64_t *odd) {
+    constexpr std::uint64_t one = std::uint64_t(1) << kCountShift;
+    int c = 0;
+    for (; c + 1 < n; c += 2) {
+        even[cellAt[c] + z[c]] += one + p[c];
+        odd[cellAt[c + 1] + z[c + 1]] += one + p[c + 1];
+    }
+    if (c < n) even[cellAt[c] + z[c]] += one + p[c];
+}
+
+// Adds the counters of one grid row to its cells and clears them.
+void foldRow(std::uint64_t *even, std::uint64_t *odd, std::size_t n, float *value,
+             float *weight) {
+    constexpr std::uint64_t sumMask = (std::uint64_t(1) << kCountShift) - 1;
+    for (std::size_t k = 0; k < n; ++k) {
+        std::uint64_t const t = even[k] + odd[k];
+        value[k] += float(t & sumMask);
+        weight[k] += float(t >> kCountShift);
+        even[k] = odd[k] = 0;
+    }
+}
+
+// Trilinear read-back of one row from the grid rows iy and iy + 1: along z, then x, then y.
+KX_VECTOR_CLONES void readRow(float const *row0, float const *row1, int D, int const *xo,
+                              float const *xf, int const *z0, int const *z1, float const *zf,
+                              float wy, int n, float *__restrict v) {
+    for (int c = 0; c < n; ++c) {
+        int const i0 = xo[c] + z0[c], i1 = xo[c] + z1[c];
+        float const fz = zf[c], fx = xf[c];
+        float const v00 = lerp(row0[i0], row0[i1], fz);
+        float const v10 = lerp(row0[i0 + D], row0[i1 + D], fz);
+        float const v01 = lerp(row1[i0], row1[i1], fz);
+        float const v11 = lerp(row1[i0 + D], row1[i1 + D], fz);
+        v[c] = lerp(lerp(v00, v10, fx), lerp(v01, v11, fx), wy);
+    }
+}
+
 // Per-thread rows of the read-back.
 struct ReadScratch {
-    std::vector<float> z, zf, v;
+    std::vector<float> zf, v;
     std::vector<int> z0, z1;
-    explicit ReadScratch(int n) : z(n), zf(n), v(n), z0(n), z1(n) {}
+    explicit ReadScratch(int n) : zf(n), v(n), z0(n), z1(n) {}
 };
 
 template <class T>
-void writeRow(float const *v, int n, T *out) {
-    float const hi = float(std::numeric_limits<T>::max());
+KX_VECTOR_CLONES void writeRow(float const *__restrict v, int n, T *__restrict out) {
     for (int c = 0; c < n; ++c)
-        out[c] = T(rintSmall(clampTo(v[c], hi)));
+        out[c] = T(rintClamp(v[c], 0, std::numeric_limits<T>::max()));
+}
+
+// Moves each row of w x d cells to d x w, and back.
+void transpose(float const *src, int w, int d, float *dst) {
+    for (int x = 0; x < w; ++x)
+        for (int z = 0; z < d; ++z)
+            dst[std::size_t(z) * w + x] = src[std::size_t(x) * d + z];
 }
 
 template <class T>
@@ -392,28 +469,49 @@ void BilateralFilter::gridInit(float weight, float value) {
 }
 
 void BilateralFilter::buildGrid(cv::Mat &plane, cv::Mat const &guide) {
-    int const w = plane.cols;
+    int const w = plane.cols, D = gridD;
     float const a = float(1.0 / sampleR);
     float const b = float((padZ + 1) - double(guideMin) / sampleR);
-    std::vector<float> z(w);
     std::vector<std::uint8_t> cell(w);
-    std::ptrdiff_t const rowCells = std::ptrdiff_t(gridW) * gridD;
-    std::ptrdiff_t const first = std::ptrdiff_t(padXY + 1) * gridD;
-    // Serial: the cells of one grid row gather pixels of several image rows.
-    for (int r = 0; r < plane.rows; ++r) {
-        guideRow(guide, r, a, b, z.data());
-        cellRow(z.data(), w, gridD - 1, cell.data());
-        std::ptrdiff_t const at = (padXY + 1 + r / sampleS) * rowCells + first;
-        if (plane.depth() == CV_8U)
-            accumulateRow(plane.ptr<std::uint8_t>(r), cell.data(), w, sampleS, gridD,
-                          gridValue + at, gridWeight + at);
-        else
-            accumulateRow(plane.ptr<std::uint16_t>(r), cell.data(), w, sampleS, gridD,
-                          gridValue + at, gridWeight + at);
+    std::ptrdiff_t const rowCells = std::ptrdiff_t(gridW) * D;
+    bool const bytes = plane.depth() == CV_8U;
+    // Serial, in scan order. While no cell can gather more than 2^24 (sampleS^2 times the
+    // largest pixel value), every partial float sum of the scan is an exact integer, so
+    // integer sums added to the initial 0 and 1e-20 give the same bits, and the scan can
+    // keep its counters in integers.
+    if (double(sampleS) * sampleS * (bytes ? 255.0 : 65535.0) <= 16777216.0) {
+        std::vector<int> cellAt(w);
+        for (int c = 0; c < w; ++c)
+            cellAt[c] = (padXY + 1 + c / sampleS) * D;
+        std::vector<std::uint64_t> even(rowCells, 0), odd(rowCells, 0);
+        for (int r = 0, gy = padXY + 1; r < plane.rows; ++gy) {
+            for (int r1 = std::min(plane.rows, r + sampleS); r < r1; ++r) {
+                cellRow(guide, r, a, b, D - 1, cell.data());
+                if (bytes)
+                    countRow(plane.ptr<std::uint8_t>(r), cell.data(), cellAt.data(), w,
+                             even.data(), odd.data());
+                else
+                    countRow(plane.ptr<std::uint16_t>(r), cell.data(), cellAt.data(), w,
+                             even.data(), odd.data());
+            }
+            foldRow(even.data(), odd.data(), std::size_t(rowCells), gridValue + gy * rowCells,
+                    gridWeight + gy * rowCells);
+        }
+    } else {
+        std::ptrdiff_t const first = std::ptrdiff_t(padXY + 1) * D;
+        for (int r = 0; r < plane.rows; ++r) {
+            cellRow(guide, r, a, b, D - 1, cell.data());
+            std::ptrdiff_t const at = (padXY + 1 + r / sampleS) * rowCells + first;
+            if (bytes)
+                accumulateRow(plane.ptr<std::uint8_t>(r), cell.data(), w, sampleS, D,
+                              gridValue + at, gridWeight + at);
+            else
+                accumulateRow(plane.ptr<std::uint16_t>(r), cell.data(), w, sampleS, D,
+                              gridValue + at, gridWeight + at);
+        }
     }
     filterGrids();
-    std::ptrdiff_t const n = getGridSize();
-    parallelRows(gridH, n, [&](int y) {
+    parallelRows(gridH, getGridSize(), [&](int y) {
         float *v = gridValue + y * rowCells;
         float const *wt = gridWeight + y * rowCells;
         for (std::ptrdiff_t k = 0; k < rowCells; ++k)
@@ -427,23 +525,26 @@ void BilateralFilter::filterGrids() {
     std::ptrdiff_t const rowCells = std::ptrdiff_t(W) * D;
     std::int64_t const work = std::int64_t(getGridSize()) * 4;
     float *const grids[2] = {gridWeight, gridValue};
-    // Along z, then x, within each grid row.
-    parallelRows(H, work, [&](int y) {
-        for (float *g : grids) {
-            float *row = g + y * rowCells;
-            recurseLines<0>(row, D, 1, W, D, rec, kPasses);
-            recurseLines<1>(row, W, D, D, 1, rec, kPasses);
-        }
+    // Along z, then x, within each grid row; z runs on a transposed copy of the row, where
+    // its lines lie side by side.
+    parallelBands(H, work, [&](int y0, int y1) {
+        std::vector<float> t(static_cast<std::size_t>(rowCells));
+        for (int y = y0; y < y1; ++y)
+            for (float *g : grids) {
+                float *row = g + y * rowCells;
+                transpose(row, W, D, t.data());
+                recurseLines(t.data(), D, W, W, rec, kPasses);
+                transpose(t.data(), D, W, row);
+                recurseLines(row, W, D, D, rec, kPasses);
+            }
     });
     // Along y, in bands of columns narrow enough to stay in cache.
-    int const band = std::max(1, 512 / D);
+    int const band = std::max(1, 1024 / D);
     int const bands = ceilDiv(W, band);
     parallelRows(bands, work, [&](int i) {
         int const x0 = i * band, x1 = std::min(W, x0 + band);
-        std::ptrdiff_t const off = std::ptrdiff_t(x0) * D;
-        int const width = (x1 - x0) * D;
         for (float *g : grids)
-            recurseLines<1>(g + off, H, rowCells, width, 1, rec, kPasses);
+            recurseLines(g + std::ptrdiff_t(x0) * D, H, rowCells, (x1 - x0) * D, rec, kPasses);
     });
 }
 
@@ -461,34 +562,17 @@ void BilateralFilter::interpGrid(cv::Mat &plane, cv::Mat const &guide) {
         xf[c] = fx - float(ix);
     }
     std::ptrdiff_t const rowCells = std::ptrdiff_t(gridW) * D;
-    float const *grid = gridValue;
-    int const last = D - 1;
+    // Each row reads its guide row before writing the plane's, which may be the same.
     parallelChunks(
         plane.rows, 1, std::int64_t(plane.total()) * 8, [w] { return ReadScratch(w); },
         [&](ReadScratch &t, int r0, int r1) {
             for (int r = r0; r < r1; ++r) {
                 float const fy = float(r) / s + pad + 0.5f;
                 int const iy = int(fy);
-                float const wy = fy - float(iy);
-                guideRow(guide, r, a, b, t.z.data());
-                for (int c = 0; c < w; ++c) {
-                    float const zi = rintSmall(clampTo(t.z[c], 255.0f));
-                    t.zf[c] = t.z[c] - zi;
-                    t.z0[c] = std::min(int(zi), last);
-                    t.z1[c] = std::min(int(zi) + 1, last);
-                }
-                float const *row0 = grid + iy * rowCells;
-                float const *row1 = row0 + rowCells;
-                for (int c = 0; c < w; ++c) {
-                    float const *p0 = row0 + xo[c], *p1 = row1 + xo[c];
-                    int const z0 = t.z0[c], z1 = t.z1[c];
-                    float const fz = t.zf[c], fx = xf[c];
-                    float const v00 = lerp(p0[z0], p0[z1], fz);
-                    float const v10 = lerp(p0[D + z0], p0[D + z1], fz);
-                    float const v01 = lerp(p1[z0], p1[z1], fz);
-                    float const v11 = lerp(p1[D + z0], p1[D + z1], fz);
-                    t.v[c] = lerp(lerp(v00, v10, fx), lerp(v01, v11, fx), wy);
-                }
+                depthRow(guide, r, a, b, D - 1, t.z0.data(), t.z1.data(), t.zf.data());
+                float const *row0 = gridValue + iy * rowCells;
+                readRow(row0, row0 + rowCells, D, xo.data(), xf.data(), t.z0.data(), t.z1.data(),
+                        t.zf.data(), fy - float(iy), w, t.v.data());
                 if (plane.depth() == CV_8U)
                     writeRow(t.v.data(), w, plane.ptr<std::uint8_t>(r));
                 else
@@ -499,7 +583,7 @@ void BilateralFilter::interpGrid(cv::Mat &plane, cv::Mat const &guide) {
 
 void BilateralFilter::iir(float *data, int n, int stride, float sigma, int passes) {
     if (data == nullptr || n < 1) return;
-    recurseLines<1>(data, n, stride, 1, 1, recursion(sigma, passes), passes);
+    recurseLines(data, n, stride, 1, recursion(sigma, passes), passes);
 }
 
 void BilateralFilter::interp8Points(float *p, float dx, float dy, float dz) {

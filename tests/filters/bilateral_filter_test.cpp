@@ -136,6 +136,7 @@ TEST(BilateralFilter, MatchesPlainGridAndSizesIt) {
         {1, 1, CV_8U, -1, 2, 10, 5, 5, 4, 10},
         {7, 1, CV_16U, -1, 3, 700, 0, 7000, 14, 700},
         {12, 14, CV_8U, -1, 2, 0, 100, 120, 24, 1},  // sampleR below 1 taken as 1
+        {45, 50, CV_16U, -1, 20, 30000, 40000, 65535, 5, 30000},  // sums past 2^24
     };
     for (Case const &k : cases) {
         SCOPED_TRACE(testing::Message() << k.rows << "x" << k.cols << " sS " << k.sS);
