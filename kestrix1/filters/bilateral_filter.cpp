@@ -171,8 +171,8 @@ void depthRow(cv::Mat const &guide, int r, float a, float b, int last, int *z0, 
 // one cell that fall in the same z cell are summed in registers, starting from the cell's
 // value: the additions are the ones of a pixel-by-pixel pass, in the same order.
 template <class T>
-void accumulateRow(T const *p, std::uint8_t const *z, int n, int sampleS, int gridD,
-                   float *value, float *weight) {
+void accumulateRow(T const *p, std::uint8_t const *z, int n, int sampleS, int gridD, float *value,
+                   float *weight) {
     for (int c0 = 0; c0 < n; c0 += sampleS, value += gridD, weight += gridD) {
         int const c1 = std::min(n, c0 + sampleS);
         int zc = z[c0];
@@ -199,8 +199,8 @@ void accumulateRow(T const *p, std::uint8_t const *z, int n, int sampleS, int gr
 constexpr int kCountShift = 40;
 
 template <class T>
-void countRow(T const *p, std::uint8_t const *z, int const *cellAt, int n,
-              std::uint64_t *even, std::uint64_t *odd) {
+void countRow(T const *p, std::uint8_t const *z, int const *cellAt, int n, std::uint64_t *even,
+              std::uint64_t *odd) {
     constexpr std::uint64_t one = std::uint64_t(1) << kCountShift;
     int c = 0;
     for (; c + 1 < n; c += 2) {
@@ -211,8 +211,7 @@ void countRow(T const *p, std::uint8_t const *z, int const *cellAt, int n,
 }
 
 // Adds the counters of one grid row to its cells and clears them.
-void foldRow(std::uint64_t *even, std::uint64_t *odd, std::size_t n, float *value,
-             float *weight) {
+void foldRow(std::uint64_t *even, std::uint64_t *odd, std::size_t n, float *value, float *weight) {
     constexpr std::uint64_t sumMask = (std::uint64_t(1) << kCountShift) - 1;
     for (std::size_t k = 0; k < n; ++k) {
         std::uint64_t const t = even[k] + odd[k];
@@ -272,8 +271,7 @@ bool gradientGuideT(cv::Mat const &in, cv::Mat &inOut, int radius) {
         int const step = int(inOut.step), uStep = int(U.step), lStep = int(L.step);
         IppiSize const maskSize{side, side};
         IppiPoint const anchor{radius, radius};
-        pxDilate(src, step, U.ptr<T>(radius) + radius, uStep, inner, mask.data(), maskSize,
-                 anchor);
+        pxDilate(src, step, U.ptr<T>(radius) + radius, uStep, inner, mask.data(), maskSize, anchor);
         pxErode(src, step, L.ptr<T>(radius) + radius, lStep, inner, mask.data(), maskSize, anchor);
     }
     int const w = inOut.cols;
@@ -391,8 +389,7 @@ float *BilateralFilter::gridDPtr(int x, int y, int z) {
     return gridValue + (std::ptrdiff_t(x) + std::ptrdiff_t(y) * gridW) * gridD + z;
 }
 
-bool BilateralFilter::setup(cv::Mat const &edge, int width, int height, int sS, int sR,
-                            bool is16) {
+bool BilateralFilter::setup(cv::Mat const &edge, int width, int height, int sS, int sR, bool is16) {
     is16Bit = is16;
     if (sS < 2) return true;
     sR = std::max(sR, 1);
@@ -488,8 +485,8 @@ void BilateralFilter::buildGrid(cv::Mat &plane, cv::Mat const &guide) {
             for (int r1 = std::min(plane.rows, r + sampleS); r < r1; ++r) {
                 cellRow(guide, r, a, b, D - 1, cell.data());
                 if (bytes)
-                    countRow(plane.ptr<std::uint8_t>(r), cell.data(), cellAt.data(), w,
-                             even.data(), odd.data());
+                    countRow(plane.ptr<std::uint8_t>(r), cell.data(), cellAt.data(), w, even.data(),
+                             odd.data());
                 else
                     countRow(plane.ptr<std::uint16_t>(r), cell.data(), cellAt.data(), w,
                              even.data(), odd.data());
