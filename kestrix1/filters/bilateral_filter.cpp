@@ -356,7 +356,12 @@ BilateralFilter &BilateralFilter::operator=(BilateralFilter const &other) {
 }
 
 BilateralFilter::~BilateralFilter() {
-    if (m_grids && !m_grids->intact()) Kestrix::toQDebug("BilateralFilter", __LINE__, kGuard);
+    if (!m_grids || m_grids->intact()) return;
+    try {
+        Kestrix::toQDebug("BilateralFilter::~BilateralFilter", __LINE__, kGuard);
+    } catch (...) {
+        // Nothing may leave a destructor; the report is lost, the grids are still freed.
+    }
 }
 
 void BilateralFilter::dealloc() {
