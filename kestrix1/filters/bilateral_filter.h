@@ -28,16 +28,19 @@ public:
     int gridD = 0;         // cells along the guide: ceil(range / sampleR) + 2 + 2 padZ, <= 252
     // gridW * gridH * gridD floats each, cell (x, y, z) at (x + y * gridW) * gridD + z, then
     // one guard word holding the bits 0x6d6d6d6d. gridWeight holds weights, gridValue the
-    // sums of pixel values and, after a proc, the filtered values.
+    // sums of pixel values and, after a proc, the filtered values. Owned by this object and
+    // its copies together: never free them.
     float *gridWeight = nullptr;
     float *gridValue = nullptr;
-    int const padXY = 1;  // grid margin per side along x and y, in cells
-    int const padZ = 1;   // grid margin per side along the guide axis, in cells
-    int guideMin = 0;     // minimum of the last sized guide, truncated to int
-    int imageW = 0;       // image size the grid was made for, pixels
+    // Grid margins per side, in cells: along x and y, and along the guide axis. Constant, as
+    // every size and offset above rests on them.
+    int const padXY = 1;
+    int const padZ = 1;
+    int guideMin = 0;  // minimum of the last sized guide, truncated to int
+    int imageW = 0;    // image size the grid was made for, pixels
     int imageH = 0;
     int sampleS = 0;  // pixels per cell along x and y
-    int sampleR = 0;  // guide units per cell along z (raised by the 252-cell limit)
+    int sampleR = 0;  // guide units per cell along z (reset by the 252-cell limit)
     int ready = 1;    // 1 from construction and after every sizing
 
     BilateralFilter() = default;
