@@ -1,8 +1,8 @@
-// BilateralFilter on a 3000 x 2000 crop-free reduction of the 16-bit luminance plane, self
-// guided, with 8 pixels and a tenth of the 16-bit range to a grid cell, beside OpenCV's
-// direct bilateral filter on the same plane as float in 0..1 (window from sigmaSpace 8,
-// sigmaColor 0.1). The kestrix1 side restores its plane before every call, as the filter
-// works in place; the copy is a small part of the time.
+// BilateralFilter on the 16-bit luminance plane reduced to 3000 x 2000, self guided, with 8
+// pixels and a tenth of the 16-bit range to a grid cell, beside OpenCV's direct bilateral
+// filter on the same plane as float in 0..1 (sigmaColor 0.1, sigmaSpace 8, window from
+// sigmaSpace). The kestrix1 side restores its plane before every call, as the filter works
+// in place; the copy is a small part of the time.
 //
 // OpenCV's thread pool is given the OpenMP team's size so that both sides use the same
 // threads.
