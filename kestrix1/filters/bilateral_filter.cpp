@@ -120,8 +120,7 @@ inline float rintSmall(float v) {
     return (v + magic) - magic;
 }
 
-// rint(v) saturated to lo..hi, for |v| < 2^22 (beyond, the rounding may be off by a unit,
-// but such values lie far outside lo..hi).
+// rint(v) saturated to lo..hi, for guide positions: |v| < 2^22 always holds for them.
 inline int rintClamp(float v, int lo, int hi) {
     return std::min(std::max(int(rintSmall(v)), lo), hi);
 }
@@ -243,10 +242,14 @@ struct ReadScratch {
     explicit ReadScratch(int n) : zf(n), v(n), z0(n), z1(n) {}
 };
 
+// Rounded (ties to even) and saturated. A value extrapolated far below or above the grid
+// may exceed 2^22, where the rounding may be off by a unit: it saturates all the same, as
+// the clamp comes before the conversion to int (NaN goes to 0).
 template <class T>
 KX_VECTOR_CLONES void writeRow(float const *__restrict v, int n, T *__restrict out) {
+    float const hi = float(std::numeric_limits<T>::max());
     for (int c = 0; c < n; ++c)
-        out[c] = T(rintClamp(v[c], 0, std::numeric_limits<T>::max()));
+        out[c] = T(int(std::min(hi, std::max(0.0f, rintSmall(v[c])))));
 }
 
 // Moves each row of w x d cells to d x w, and back.
@@ -447,9 +450,9 @@ bool BilateralFilter::proc(cv::Mat const &edge, cv::Mat &inOut, int sS, int sR,
     if (sS < 2) {
         // The stored grid serves only if it is whole and was made for this image size.
         bool const usable = m_grids && imageW == inOut.cols && imageH == inOut.rows &&
-                            sampleS >= 2 && sampleR >= 1 && gridWeight == m_grids->weight &&
-                            gridValue == m_grids->value && gridW == m_grids->w &&
-                            gridH == m_grids->h && gridD == m_grids->d &&
+                            sampleS >= 2 && sampleR >= 1 && guideMin >= 0 && guideMin <= 65535 &&
+                            gridWeight == m_grids->weight && gridValue == m_grids->value &&
+                            gridW == m_grids->w && gridH == m_grids->h && gridD == m_grids->d &&
                             gridW == ceilDiv(imageW, sampleS) + 2 + 2 * padXY &&
                             gridH == ceilDiv(imageH, sampleS) + 2 + 2 * padXY;
         kxRequire(usable, kProcReuse);

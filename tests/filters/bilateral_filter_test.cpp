@@ -177,6 +177,8 @@ TEST(BilateralFilter, SharedGridsAreFreedOnceAndGuarded) {
         cv::Mat narrow = q.colRange(0, 25);
         c.proc(cv::Mat(), narrow, 4, 500, nullptr);  // c re-sizes alone, b keeps a's grid
         EXPECT_TRUE(b.proc(cv::Mat(), r, 1, 0, nullptr));
+        cv::Mat bright(20, 30, CV_16U, cv::Scalar(65535));  // a guide far past the reused grid
+        EXPECT_TRUE(b.proc(bright, r, 1, 0, nullptr));
         EXPECT_NE(kxtest::thrown([&] { c.proc({}, r, 1, 0, nullptr); }).find(kReuse),
                   std::string::npos);
     }
