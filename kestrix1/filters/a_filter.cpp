@@ -386,6 +386,15 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
     int const W = full.width, H = full.height;
     if (int(sum.size()) != n + 1 || sum[0].size() != full || minDist.size() != full)
         setupAccumulators(f);
+    // The outermost call slices what is still pending when it returns, unless a whole run
+    // does that together with the output.
+    struct Depth {
+        AFilter &af;
+        ~Depth() {
+            if (--af.m_depth == 0 && !af.m_final) af.flush(nullptr, nullptr);
+        }
+    } const depth{*this};
+    ++m_depth;
 
     float const sigmaRn = float(sR / std::sqrt(2.0));
     float const dfReal = std::max(1.0f, std::min(0.25f * sS, 256.0f * sR));
@@ -394,6 +403,17 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
     m_dt.setup(sS / float(df), sigmaRn, 1, DTFilter::L1);
 
     cv::Size const small = scaledSize(full, down, down);
+    // A slot for this node's weights and blurred planes: the slicing into sum waits for a
+    // full set of slots (or the end), so that sum is read and written once per set.
+    int const slots = slotCount(full);
+    if (m_pending > 0 && (m_pending == slots || m_df != df || m_small != small))
+        flush(nullptr, nullptr);
+    if (int(m_phiPool.size()) < slots) m_phiPool.resize(slots), m_blurPool.resize(slots);
+    m_df = df;
+    m_small = small;
+    cv::Mat &phiPlane = m_phiPool[m_pending];
+    cv::Mat &blurPlane = m_blurPool[m_pending];
+    ++m_pending;
     Plan const dn = linearPlan(full, small, down, down);
     bool const etaFull = etaIn[0].size() == full;
     cv::Size const upSize = scaledSize(small, df, df);
@@ -434,7 +454,9 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
     };
 
     // Distances, weights and the smallest distance, one pass over the full size.
-    m_phi.create(full, CV_32FC1);
+    phiPlane.create(full, CV_32FC1);
+    bool const minFresh = m_minFresh;
+    m_minFresh = false;
     parallelBands(H, std::int64_t(H) * W * (2 * m + 8), [&](int y0, int y1) {
         float *base = buffer + perThread * std::size_t(omp_get_thread_num());
         UpRows cache = threadCache(base, 1);
@@ -449,11 +471,16 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
                     dist[t] += x[t] * x[t];
             }
             float *md = minDist.ptr<float>(y);
-            for (int t = 0; t < W; ++t)
-                md[t] = std::min(md[t], dist[t]);
+            if (minFresh) {  // minDist holds the largest float: min() with it, unread
+                for (int t = 0; t < W; ++t)
+                    md[t] = std::min(kFloatMax, dist[t]);
+            } else {
+                for (int t = 0; t < W; ++t)
+                    md[t] = std::min(md[t], dist[t]);
+            }
             for (int t = 0; t < W; ++t)
                 dist[t] *= kf;
-            expRun(dist, m_phi.ptr<float>(y), W);
+            expRun(dist, phiPlane.ptr<float>(y), W);
         }
     });
 
@@ -470,7 +497,7 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
                       for (int r = r0; r < r1; ++r) {
                           for (int k = 0; k < 2; ++k) {
                               int const y = k == 0 ? dn.y.i0[r] : dn.y.i1[r];
-                              float const *phi = m_phi.ptr<float>(y);
+                              float const *phi = phiPlane.ptr<float>(y);
                               float *hk = h + std::size_t(k) * sw * (n + 1 + m);
                               for (int i = 0; i < n; ++i) {
                                   float const *fi = f[i].ptr<float>(y);
@@ -502,7 +529,7 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
                   });
 
     // Blurring at the reduced size along the reduced manifold.
-    m_dt.proc(m_psi, m_etaSmall, m_blur, 0);
+    m_dt.proc(m_psi, m_etaSmall, blurPlane, 0);
 
     bool const leaf = level >= height;
     cv::Mat v(m, 1, CV_32FC1);
@@ -535,27 +562,17 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
         L.clusterPlus.create(full, CV_32FC1);
     }
 
-    // Slicing, and below the height the split of the cluster, one pass over the full size.
+    if (leaf) return;
+
+    // The split of the cluster by the side of the direction, one pass over the full size.
     float const *vp = v.ptr<float>();
-    cv::Mat clusterMinus, clusterPlus;
-    if (!leaf) {
-        clusterMinus = m_levels[level].clusterMinus;
-        clusterPlus = m_levels[level].clusterPlus;
-    }
-    parallelBands(H, std::int64_t(H) * W * (2 * n + m + 8), [&](int y0, int y1) {
+    cv::Mat clusterMinus = m_levels[level].clusterMinus;
+    cv::Mat clusterPlus = m_levels[level].clusterPlus;
+    parallelBands(H, std::int64_t(H) * W * (m + 4), [&](int y0, int y1) {
         float *base = buffer + perThread * std::size_t(omp_get_thread_num());
-        UpRows blurCache = threadCache(base, 0), etaCache = threadCache(base, 1);
+        UpRows etaCache = threadCache(base, 1);
         float *row = base + std::size_t(W) * m;  // beside the X rows
         for (int y = y0; y < y1; ++y) {
-            float const *phi = m_phi.ptr<float>(y);
-            blurCache.fetch(m_blur, up, y, W);
-            for (int c = 0; c <= n; ++c) {
-                blurCache.row(up, y, c, W, row);
-                float *s = sum[c == n ? 0 : c + 1].ptr<float>(y);
-                for (int t = 0; t < W; ++t)
-                    s[t] += phi[t] * row[t];
-            }
-            if (leaf) continue;
             xRows(y, base, etaCache);
             float *dot = row;
             for (int t = 0; t < W; ++t)
@@ -575,7 +592,6 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
             }
         }
     });
-    if (leaf) return;
 
     // The two sides' manifolds: a[i] = guide[i] c, c = side (1 - phi), reduced, low-passed,
     // eta = a / c (0 where c is 0). Only the full rows the taps read are formed.
@@ -598,7 +614,7 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
                           for (int r = r0; r < r1; ++r) {
                               for (int k = 0; k < 2; ++k) {
                                   int const y = k == 0 ? dn.y.i0[r] : dn.y.i1[r];
-                                  float const *phi = m_phi.ptr<float>(y);
+                                  float const *phi = phiPlane.ptr<float>(y);
                                   float const *cl = clusterSide.ptr<float>(y);
                                   float *hk = h + std::size_t(k) * sw * (m + 1);
                                   for (int t = 0; t < W; ++t)
@@ -649,38 +665,79 @@ void AFilter::build(cv::Mat const &f, cv::Mat const &g, cv::Mat &e, cv::Mat &c, 
 // ---- whole runs ----------------------------------------------------------------------------
 
 void AFilter::setupAccumulators(std::vector<cv::Mat> const &in) {
+    // Both are written whole by their first use: the sums by the first slicing, minDist by
+    // the first node; until then they count as zero and as the largest float.
     cv::Size const size = in[0].size();
     sum.resize(in.size() + 1);
-    for (cv::Mat &s : sum) {
+    for (cv::Mat &s : sum)
         s.create(size, CV_32FC1);
-        s.setTo(0);
-    }
     minDist.create(size, CV_32FC1);
-    minDist.setTo(kFloatMax);
+    m_sumFresh = m_minFresh = true;
+    m_pending = 0;
 }
 
-void AFilter::finish(std::vector<cv::Mat> const &in, std::vector<cv::Mat> &out) {
-    int const n = int(in.size()), rows = in[0].rows, cols = in[0].cols;
-    std::vector<cv::Mat> const src(in.begin(), in.end());
-    out.resize(n);
-    for (int i = 0; i < n; ++i)
-        if (out[i].size() != src[i].size() || out[i].type() != CV_32FC1 ||
-            out[i].data == src[i].data)
-            out[i].create(src[i].size(), CV_32FC1);
+int AFilter::slotCount(cv::Size full) const {
+    double const plane = double(full.area()) * sizeof(float);
+    return int(std::clamp(pendingBytes / std::max(plane, 1.0), 1.0, 8.0));
+}
+
+void AFilter::flush(std::vector<cv::Mat> const *in, std::vector<cv::Mat> *out) {
+    if (sum.empty() || sum[0].empty()) return;
+    int const n = int(sum.size()) - 1, rows = sum[0].rows, cols = sum[0].cols;
+    int const k = m_pending;
+    bool const fresh = m_sumFresh;
+    if (k == 0 && !out) return;
+    if (out) {
+        out->resize(n);
+        for (int i = 0; i < n; ++i) {
+            cv::Mat &o = (*out)[i];
+            if (o.size() != sum[0].size() || o.type() != CV_32FC1 || o.data == (*in)[i].data)
+                o.create(sum[0].size(), CV_32FC1);
+        }
+    }
+    cv::Size const upSize = scaledSize(m_small, m_df, m_df);
+    Plan const up = linearPlan(m_small, upSize, m_df, m_df);
     double const factor = -0.5 / (double(sigmaR) * double(sigmaR));
-    float *buffer = scratch(std::size_t(cols));
-    parallelBands(rows, std::int64_t(rows) * cols * (2 * n + 4), [&](int y0, int y1) {
-        float *alpha = buffer + std::size_t(cols) * omp_get_thread_num();
+    // Per thread: n + 1 sums, one row, alpha, and per pending node two tapped rows of n + 1.
+    std::size_t const perThread = std::size_t(cols) * (n + 3 + 2 * std::size_t(k) * (n + 1)) + 64;
+    float *buffer = scratch(perThread);
+    parallelBands(rows, std::int64_t(rows) * cols * (2 * n + 2) * (k + 1), [&](int y0, int y1) {
+        float *acc = buffer + perThread * std::size_t(omp_get_thread_num());
+        float *row = acc + std::size_t(cols) * (n + 1);
+        float *alpha = row + cols;
+        std::vector<UpRows> caches(k);
+        for (int j = 0; j < k; ++j) {
+            caches[j].h0 = alpha + cols + std::size_t(cols) * (n + 1) * 2 * j;
+            caches[j].h1 = caches[j].h0 + std::size_t(cols) * (n + 1);
+        }
         for (int y = y0; y < y1; ++y) {
+            for (int j = 0; j < k; ++j)
+                caches[j].fetch(m_blurPool[j], up, y, cols);
+            for (int c = 0; c <= n; ++c) {
+                float *a = acc + std::size_t(c) * cols;
+                float *s = sum[c == n ? 0 : c + 1].ptr<float>(y);
+                if (fresh)
+                    std::fill(a, a + cols, 0.0f);
+                else
+                    std::copy(s, s + cols, a);
+                for (int j = 0; j < k; ++j) {
+                    float const *phi = m_phiPool[j].ptr<float>(y);
+                    caches[j].row(up, y, c, cols, row);
+                    for (int t = 0; t < cols; ++t)
+                        a[t] += phi[t] * row[t];
+                }
+                std::copy(a, a + cols, s);
+            }
+            if (!out) continue;
             float const *md = minDist.ptr<float>(y);
             for (int x = 0; x < cols; ++x)
                 alpha[x] = float(double(md[x]) * factor);
             expRun(alpha, alpha, cols);
-            float const *s0 = sum[0].ptr<float>(y);
+            float const *s0 = acc + std::size_t(n) * cols;
             for (int i = 0; i < n; ++i) {
-                float const *si = sum[i + 1].ptr<float>(y);
-                float const *p = src[i].ptr<float>(y);
-                float *o = out[i].ptr<float>(y);
+                float const *si = acc + std::size_t(i) * cols;
+                float const *p = (*in)[i].ptr<float>(y);
+                float *o = (*out)[i].ptr<float>(y);
                 for (int x = 0; x < cols; ++x) {
                     float const g = s0[x] == 0.0f ? 0.0f : si[x] / s0[x];
                     o[x] = alpha[x] * g + (1.0f - alpha[x]) * p[x];
@@ -688,6 +745,8 @@ void AFilter::finish(std::vector<cv::Mat> const &in, std::vector<cv::Mat> &out) 
             }
         }
     });
+    m_pending = 0;
+    m_sumFresh = false;
 }
 
 bool AFilter::proc(std::vector<cv::Mat> const &in, std::vector<cv::Mat> &out) {
@@ -703,11 +762,16 @@ bool AFilter::proc(std::vector<cv::Mat> const &in, std::vector<cv::Mat> &out) {
     std::int64_t const start = cv::getTickCount();
     auto seconds = [start] { return double(cv::getTickCount() - start) / cv::getTickFrequency(); };
     hFilter(guide, sigmaS, eta);
-    cluster = cv::Mat::ones(in[0].size(), CV_32FC1);
+    cluster.create(in[0].size(), CV_32FC1);
+    cluster.setTo(1.0f);
     std::cout << "a time:" << seconds() << std::endl;
+    m_final = true;
     build(in, guide, eta, cluster, sigmaS, sigmaR, 1, compute2(sigmaS, sigmaR), pcaIterations);
+    m_final = false;
     std::cout << "b time:" << seconds() << std::endl;
-    finish(in, out);
+    // The last slicing and the output in one pass: out holds its own copy of in's headers.
+    std::vector<cv::Mat> const src(in.begin(), in.end());
+    flush(&src, &out);
     std::cout << "c time:" << seconds() << std::endl;
     return true;
 }
@@ -721,9 +785,13 @@ void AFilter::build(std::vector<cv::Mat> &img, float sS, float sR, int height,
     nodesVisited = 0;
     setupAccumulators(img);
     hFilter(img, sS, etaOut);
-    cluster = cv::Mat::ones(img[0].size(), CV_32FC1);
+    cluster.create(img[0].size(), CV_32FC1);
+    cluster.setTo(1.0f);
+    m_final = true;
     build(img, img, etaOut, cluster, sS, sR, 1, height < 1 ? compute2(sS, sR) : height, pca);
-    finish(img, out);
+    m_final = false;
+    std::vector<cv::Mat> const src(img.begin(), img.end());
+    flush(&src, &out);
     sigmaS = keepS;
     sigmaR = keepR;
 }

@@ -116,6 +116,9 @@ public:
 protected:
     // Nodes visited since the last proc (or whole-run build) began: open to tests.
     int nodesVisited = 0;
+    // Bytes of full-size weight planes that may wait for their slicing (at most 8 planes,
+    // at least 1): the slicing of up to that many nodes is done in one pass over sum.
+    double pendingBytes = double(1 << 30);
 
 private:
     // Buffers of one tree level, kept across nodes and runs.
@@ -125,12 +128,22 @@ private:
         cv::Mat cMinus, cPlus;                   // reduced size
     };
     void setupAccumulators(std::vector<cv::Mat> const &in);
-    void finish(std::vector<cv::Mat> const &in, std::vector<cv::Mat> &out);
+    // Adds the pending nodes' phi times their upsampled blurred planes into sum, node after
+    // node per pixel; with out, also forms the output as proc does (in given too).
+    void flush(std::vector<cv::Mat> const *in, std::vector<cv::Mat> *out);
+    int slotCount(cv::Size full) const;
     float *scratch(std::size_t perThread);
 
     DTFilter m_dt;
-    cv::Mat m_phi;                     // full-size weights of the current node
-    cv::Mat m_psi, m_etaSmall, m_blur;  // reduced interleaved planes of the blur
+    cv::Mat m_psi, m_etaSmall;               // reduced interleaved planes of the blur
+    std::vector<cv::Mat> m_phiPool;          // full-size weights of the pending nodes
+    std::vector<cv::Mat> m_blurPool;         // their blurred planes, reduced, interleaved
+    int m_pending = 0;                       // nodes whose slicing waits
+    int m_df = 1;                            // their reduction factor and reduced size
+    cv::Size m_small;
+    int m_depth = 0;                         // nesting of build calls
+    bool m_final = false;                    // a whole run slices the last nodes itself
+    bool m_sumFresh = false, m_minFresh = false;  // accumulators not yet written
     std::vector<Level> m_levels;
     std::vector<float> m_scratch;
     std::vector<double> m_rowSums;

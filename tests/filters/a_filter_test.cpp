@@ -20,6 +20,7 @@ using Planes = std::vector<cv::Mat>;
 
 struct Counted : AFilter {
     int nodes() const { return nodesVisited; }
+    void slots(int planes) { pendingBytes = 64.0 * 48 * 4 * planes; }
 };
 
 bool same(cv::Mat const &a, cv::Mat const &b) {
@@ -199,12 +200,13 @@ TEST(AFilter, ResamplingSizes) {
 }
 
 // Every fused pass against the plain steps, from one seed: sizes that df divides and not,
-// df 4 and 2, 1 and 3 planes, guide of 1 and 3 planes, one and two power iterations.
+// df 4 and 2, 1 and 3 planes, guide of 1 and 3 planes, one and two power iterations, the
+// slicing of several nodes deferred to one pass or done a few at a time.
 TEST(AFilter, WholeRunMatchesPlainSteps) {
     cv::Mat const photo = kxtest::photo("coffee.png");
-    struct Case { cv::Size size; float sS, sR; int planes, pca; } const cases[] = {
-        {{64, 48}, 16.0f, 0.2f, 3, 1}, {{61, 45}, 16.0f, 0.3f, 3, 2}, {{64, 48}, 8.0f, 0.1f, 1, 1},
-        {{37, 29}, 9.0f, 0.15f, 1, 1}};
+    struct Case { cv::Size size; float sS, sR; int planes, pca, slots; } const cases[] = {
+        {{64, 48}, 16.0f, 0.2f, 3, 1, 8}, {{61, 45}, 16.0f, 0.3f, 3, 2, 3},
+        {{64, 48}, 8.0f, 0.1f, 1, 1, 2}, {{37, 29}, 9.0f, 0.15f, 1, 1, 8}};
     for (auto const &c : cases) {
         cv::Mat img;
         cv::resize(photo, img, c.size, 0, 0, cv::INTER_AREA);
@@ -212,7 +214,8 @@ TEST(AFilter, WholeRunMatchesPlainSteps) {
         img.convertTo(img, CV_32F, 1.0 / 255);
         Planes in;
         cv::split(img, in);
-        AFilter af;
+        Counted af;
+        af.slots(c.slots);  // the slicing of 8, 3 or 2 nodes at a time
         af.setup(c.sR, c.sS, 0, c.pca, in);
         Planes out;
         cv::theRNG().state = 12345;
