@@ -312,7 +312,43 @@ void AFilter::resampling(cv::Mat const &in, cv::Mat &out, double fx, double fy) 
 
 namespace {
 
-// The power iteration over rows that rowX(y, thread scratch) makes: it returns the m rows
+// One row's share of a power iteration: t = c (sum_i X[i] v[i]), and the row's sums of
+// X[i] t (products in float) in double.
+void pcaRow(float const *const *X, float const *c, float const *vf, int m, int cols, float *t,
+            double *sums) {
+    for (int x = 0; x < cols; ++x)
+        t[x] = X[0][x] * vf[0];
+    for (int i = 1; i < m; ++i)
+        for (int x = 0; x < cols; ++x)
+            t[x] += X[i][x] * vf[i];
+    for (int x = 0; x < cols; ++x)
+        t[x] *= c[x];
+    for (int i = 0; i < m; ++i) {
+        double s = 0.0;
+        for (int x = 0; x < cols; ++x)
+            s += double(X[i][x] * t[x]);
+        sums[i] = s;
+    }
+}
+
+// v from the row sums, added in row order, scaled to length 1. False, with v left alone,
+// when the sums give no direction.
+bool pcaFinish(std::vector<double> const &rowSums, int rows, int m, cv::Mat &v) {
+    std::vector<double> total(m, 0.0);
+    for (int y = 0; y < rows; ++y)
+        for (int i = 0; i < m; ++i)
+            total[i] += rowSums[std::size_t(y) * m + i];
+    double norm = 0.0;
+    for (int i = 0; i < m; ++i)
+        norm += double(float(total[i])) * double(float(total[i]));
+    if (!(norm > 0.0) || !std::isfinite(norm)) return false;
+    double const scale = 1.0 / std::sqrt(norm);
+    for (int i = 0; i < m; ++i)
+        v.ptr<float>()[i] = float(double(float(total[i])) * scale);
+    return true;
+}
+
+// The power iteration over rows that rowX(y, first row of a band) makes: it returns the m rows
 // of X for row y. Per-row sums in double, added in row order.
 template <class RowX>
 void powerIterations(int rows, int cols, int m, int iterations, cv::Mat &v, cv::Mat const &cluster,
@@ -321,40 +357,14 @@ void powerIterations(int rows, int cols, int m, int iterations, cv::Mat &v, cv::
     if (iterations < 1 || m < 1) return;
     rowSums.resize(std::size_t(rows) * m);
     for (int it = 0; it < iterations; ++it) {
-        std::vector<float> vf(m);
-        for (int i = 0; i < m; ++i)
-            vf[i] = v.ptr<float>()[i];
+        std::vector<float> vf(v.ptr<float>(), v.ptr<float>() + m);
         parallelBands(rows, std::int64_t(rows) * cols * (m + 1), [&](int y0, int y1) {
             float *t = scratch + perThread * std::size_t(omp_get_thread_num());
-            for (int y = y0; y < y1; ++y) {
-                float const *const *X = rowX(y, y == y0);
-                float const *c = cluster.ptr<float>(y);
-                for (int x = 0; x < cols; ++x)
-                    t[x] = X[0][x] * vf[0];
-                for (int i = 1; i < m; ++i)
-                    for (int x = 0; x < cols; ++x)
-                        t[x] += X[i][x] * vf[i];
-                for (int x = 0; x < cols; ++x)
-                    t[x] *= c[x];
-                for (int i = 0; i < m; ++i) {
-                    double s = 0.0;
-                    for (int x = 0; x < cols; ++x)
-                        s += double(X[i][x] * t[x]);
-                    rowSums[std::size_t(y) * m + i] = s;
-                }
-            }
+            for (int y = y0; y < y1; ++y)
+                pcaRow(rowX(y, y == y0), cluster.ptr<float>(y), vf.data(), m, cols, t,
+                       &rowSums[std::size_t(y) * m]);
         });
-        std::vector<double> total(m, 0.0);
-        for (int y = 0; y < rows; ++y)
-            for (int i = 0; i < m; ++i)
-                total[i] += rowSums[std::size_t(y) * m + i];
-        double norm = 0.0;
-        for (int i = 0; i < m; ++i)
-            norm += double(float(total[i])) * double(float(total[i]));
-        if (!(norm > 0.0) || !std::isfinite(norm)) return;  // no direction: keep v
-        double const scale = 1.0 / std::sqrt(norm);
-        for (int i = 0; i < m; ++i)
-            v.ptr<float>()[i] = float(double(float(total[i])) * scale);
+        if (!pcaFinish(rowSums, rows, m, v)) return;
     }
 }
 
@@ -422,7 +432,7 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
 
     // Per-thread scratch: m rows of X, one more row, an upsampling cache of the blurred
     // planes and one of eta (two tapped rows per channel each); the splatting passes reuse it.
-    std::size_t const full1 = std::size_t(m) + 1 + 2 * std::size_t(n + 1) + 2 * std::size_t(m);
+    std::size_t const full1 = std::size_t(m) + 2 + 2 * std::size_t(n + 1) + 2 * std::size_t(m);
     std::size_t const perThread =
         std::size_t(W) * std::max({full1, 1 + 2 * std::size_t(n + 1 + m), 2 + 2 * std::size_t(m + 1)}) + 64;
     float *buffer = scratch(perThread);
@@ -448,10 +458,23 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
     // Cache 0 holds blurred rows (n + 1 channels), cache 1 eta rows (m channels).
     auto threadCache = [&](float *base, int which) {
         UpRows c;
-        c.h0 = base + std::size_t(W) * (m + 1) + (which ? 2 * std::size_t(W) * (n + 1) : 0);
+        c.h0 = base + std::size_t(W) * (m + 2) + (which ? 2 * std::size_t(W) * (n + 1) : 0);
         c.h1 = c.h0 + std::size_t(W) * (which ? m : n + 1);
         return c;
     };
+
+    // Below the height, the random direction of the split and the first power iteration
+    // ride along with the distances.
+    bool const leaf = level >= height;
+    cv::Mat v(m, 1, CV_32FC1);
+    bool const fusedPca = !leaf && pca >= 1;
+    if (!leaf) {
+        cv::randu(v, 0.0f, 1.0f);
+        for (int i = 0; i < m; ++i)
+            v.ptr<float>()[i] -= 0.5f;
+    }
+    std::vector<float> const vf(v.ptr<float>(), v.ptr<float>() + m);
+    if (fusedPca) m_rowSums.resize(std::size_t(H) * m);
 
     // Distances, weights and the smallest distance, one pass over the full size.
     phiPlane.create(full, CV_32FC1);
@@ -461,8 +484,14 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
         float *base = buffer + perThread * std::size_t(omp_get_thread_num());
         UpRows cache = threadCache(base, 1);
         float *dist = base + std::size_t(W) * m;
+        std::vector<float const *> X(m);
+        for (int i = 0; i < m; ++i)
+            X[i] = base + std::size_t(i) * W;
         for (int y = y0; y < y1; ++y) {
             xRows(y, base, cache);
+            if (fusedPca)
+                pcaRow(X.data(), clusterIn.ptr<float>(y), vf.data(), m, W, dist + W,
+                       &m_rowSums[std::size_t(y) * m]);
             for (int t = 0; t < W; ++t)
                 dist[t] = base[t] * base[t];
             for (int i = 1; i < m; ++i) {
@@ -531,20 +560,17 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
     // Blurring at the reduced size along the reduced manifold.
     m_dt.proc(m_psi, m_etaSmall, blurPlane, 0);
 
-    bool const leaf = level >= height;
-    cv::Mat v(m, 1, CV_32FC1);
     if (!leaf) {
-        cv::randu(v, 0.0f, 1.0f);
-        for (int i = 0; i < m; ++i)
-            v.ptr<float>()[i] -= 0.5f;
-        // The power iteration with X formed row by row, as compute3 does on whole planes.
+        // The further power iterations with X formed row by row, as compute3 does on whole
+        // planes.
         std::size_t const pcaThread = std::size_t(W) * (m + 1);
         int const threads = std::max(1, omp_get_max_threads());
         std::vector<float const *> ptrs(std::size_t(m) * threads);
         std::vector<UpRows> caches(threads);
         std::vector<float> pcaScratch;
-        if (pca >= 1) pcaScratch.resize(pcaThread * threads);
-        powerIterations(H, W, m, pca, v, clusterIn, m_rowSums, pcaScratch.data(), pcaThread,
+        if (pca >= 2) pcaScratch.resize(pcaThread * threads);
+        if (fusedPca && pcaFinish(m_rowSums, H, m, v))
+            powerIterations(H, W, m, pca - 1, v, clusterIn, m_rowSums, pcaScratch.data(), pcaThread,
                         [&](int y, bool first) {
                             int const th = omp_get_thread_num();
                             float *base = buffer + perThread * std::size_t(th);
