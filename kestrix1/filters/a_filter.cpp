@@ -27,6 +27,16 @@ constexpr float kFloatMax = 3.4028234663852886e+38f;
 constexpr int kStrip = 64;
 // Rows interleaved in the horizontal low-pass, to overlap the latency of the recursions.
 constexpr int kRowGroup = 8;
+// Rows per chunk of the full-size passes and of the reduced-size splatting passes: threads
+// take chunks as they come free, so a pass ends together when another process holds a core.
+// Every row's result is the same whatever chunk or thread computes it.
+constexpr int kChunk = 32;
+constexpr int kChunkSmall = 8;
+
+// The make() of parallelChunks: each thread's own slice of a scratch block.
+auto threadScratch(float *block, std::size_t perThread) {
+    return [block, perThread] { return block + perThread * std::size_t(omp_get_thread_num()); };
+}
 
 // dst = exp(src), through OpenCV's vector exponential on at least 32 elements at a time so
 // that every element takes the same code whatever the length of the run.
@@ -105,7 +115,8 @@ bool nearlyEqual(double a, double b) {
 Plan linearPlan(cv::Size src, cv::Size dst, double fx, double fy) {
     int const wx = writtenCount(src.width, dst.width, fx);
     int const wy = writtenCount(src.height, dst.height, fy);
-    bool const fits = wx == dst.width && wy == dst.height && wx > 0 && wy > 0 && nearlyEqual(double(src.width) / wx, 1.0 / fx) &&
+    bool const fits = wx == dst.width && wy == dst.height && wx > 0 && wy > 0 &&
+                      nearlyEqual(double(src.width) / wx, 1.0 / fx) &&
                       nearlyEqual(double(src.height) / wy, 1.0 / fy);
     Plan p;
     if (fits) {
@@ -119,7 +130,10 @@ Plan linearPlan(cv::Size src, cv::Size dst, double fx, double fy) {
 }
 
 cv::Size scaledSize(cv::Size s, double fx, double fy) {
-    return {int(std::ceil(s.width * fx)), int(std::ceil(s.height * fy)), };
+    return {
+        int(std::ceil(s.width * fx)),
+        int(std::ceil(s.height * fy)),
+    };
 }
 
 // h[c * count + t] for t < count: the horizontal taps of one row of ch interleaved channels.
@@ -177,8 +191,15 @@ float lowPassFactor(float sigma) {
 // ---- object --------------------------------------------------------------------------------
 
 AFilter::AFilter(AFilter const &o)
-    : sigmaS(o.sigmaS), sigmaR(o.sigmaR), pcaIterations(o.pcaIterations), treeArg(o.treeArg),
-      guide(o.guide), sum(o.sum), minDist(o.minDist), eta(o.eta), cluster(o.cluster) {}
+    : sigmaS(o.sigmaS),
+      sigmaR(o.sigmaR),
+      pcaIterations(o.pcaIterations),
+      treeArg(o.treeArg),
+      guide(o.guide),
+      sum(o.sum),
+      minDist(o.minDist),
+      eta(o.eta),
+      cluster(o.cluster) {}
 
 AFilter &AFilter::operator=(AFilter const &o) {
     sigmaS = o.sigmaS;
@@ -358,12 +379,12 @@ void powerIterations(int rows, int cols, int m, int iterations, cv::Mat &v, cv::
     rowSums.resize(std::size_t(rows) * m);
     for (int it = 0; it < iterations; ++it) {
         std::vector<float> vf(v.ptr<float>(), v.ptr<float>() + m);
-        parallelBands(rows, std::int64_t(rows) * cols * (m + 1), [&](int y0, int y1) {
-            float *t = scratch + perThread * std::size_t(omp_get_thread_num());
-            for (int y = y0; y < y1; ++y)
-                pcaRow(rowX(y, y == y0), cluster.ptr<float>(y), vf.data(), m, cols, t,
-                       &rowSums[std::size_t(y) * m]);
-        });
+        parallelChunks(rows, kChunk, std::int64_t(rows) * cols * (m + 1),
+                       threadScratch(scratch, perThread), [&](float *t, int y0, int y1) {
+                           for (int y = y0; y < y1; ++y)
+                               pcaRow(rowX(y, y == y0), cluster.ptr<float>(y), vf.data(), m, cols,
+                                      t, &rowSums[std::size_t(y) * m]);
+                       });
         if (!pcaFinish(rowSums, rows, m, v)) return;
     }
 }
@@ -388,8 +409,8 @@ void AFilter::compute3(std::vector<cv::Mat> &X, int iterations, cv::Mat &v, cv::
 // ---- one node of the tree ------------------------------------------------------------------
 
 void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g,
-                    std::vector<cv::Mat> &etaIn, cv::Mat &clusterIn, float sS, float sR,
-                    int level, int height, int pca) {
+                    std::vector<cv::Mat> &etaIn, cv::Mat &clusterIn, float sS, float sR, int level,
+                    int height, int pca) {
     ++nodesVisited;
     int const n = int(f.size()), m = int(g.size());
     cv::Size const full = g[0].size();
@@ -433,8 +454,9 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
     // Per-thread scratch: m rows of X, one more row, an upsampling cache of the blurred
     // planes and one of eta (two tapped rows per channel each); the splatting passes reuse it.
     std::size_t const full1 = std::size_t(m) + 2 + 2 * std::size_t(n + 1) + 2 * std::size_t(m);
-    std::size_t const perThread =
-        std::size_t(W) * std::max({full1, 1 + 2 * std::size_t(n + 1 + m), 2 + 2 * std::size_t(m + 1)}) + 64;
+    std::size_t const perThread = std::size_t(W) * std::max({full1, 1 + 2 * std::size_t(n + 1 + m),
+                                                             2 + 2 * std::size_t(m + 1)}) +
+                                  64;
     float *buffer = scratch(perThread);
     float const kf = float(-0.5 / (double(sR) * double(sR)));
 
@@ -480,82 +502,81 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
     phiPlane.create(full, CV_32FC1);
     bool const minFresh = m_minFresh;
     m_minFresh = false;
-    parallelBands(H, std::int64_t(H) * W * (2 * m + 8), [&](int y0, int y1) {
-        float *base = buffer + perThread * std::size_t(omp_get_thread_num());
-        UpRows cache = threadCache(base, 1);
-        float *dist = base + std::size_t(W) * m;
-        std::vector<float const *> X(m);
-        for (int i = 0; i < m; ++i)
-            X[i] = base + std::size_t(i) * W;
-        for (int y = y0; y < y1; ++y) {
-            xRows(y, base, cache);
-            if (fusedPca)
-                pcaRow(X.data(), clusterIn.ptr<float>(y), vf.data(), m, W, dist + W,
-                       &m_rowSums[std::size_t(y) * m]);
-            for (int t = 0; t < W; ++t)
-                dist[t] = base[t] * base[t];
-            for (int i = 1; i < m; ++i) {
-                float const *x = base + std::size_t(i) * W;
+    parallelChunks(
+        H, kChunk, std::int64_t(H) * W * (2 * m + 8), threadScratch(buffer, perThread),
+        [&](float *base, int y0, int y1) {
+            UpRows cache = threadCache(base, 1);
+            float *dist = base + std::size_t(W) * m;
+            std::vector<float const *> X(m);
+            for (int i = 0; i < m; ++i)
+                X[i] = base + std::size_t(i) * W;
+            for (int y = y0; y < y1; ++y) {
+                xRows(y, base, cache);
+                if (fusedPca)
+                    pcaRow(X.data(), clusterIn.ptr<float>(y), vf.data(), m, W, dist + W,
+                           &m_rowSums[std::size_t(y) * m]);
                 for (int t = 0; t < W; ++t)
-                    dist[t] += x[t] * x[t];
+                    dist[t] = base[t] * base[t];
+                for (int i = 1; i < m; ++i) {
+                    float const *x = base + std::size_t(i) * W;
+                    for (int t = 0; t < W; ++t)
+                        dist[t] += x[t] * x[t];
+                }
+                float *md = minDist.ptr<float>(y);
+                if (minFresh) {  // minDist holds the largest float: min() with it, unread
+                    for (int t = 0; t < W; ++t)
+                        md[t] = std::min(kFloatMax, dist[t]);
+                } else {
+                    for (int t = 0; t < W; ++t)
+                        md[t] = std::min(md[t], dist[t]);
+                }
+                for (int t = 0; t < W; ++t)
+                    dist[t] *= kf;
+                expRun(dist, phiPlane.ptr<float>(y), W);
             }
-            float *md = minDist.ptr<float>(y);
-            if (minFresh) {  // minDist holds the largest float: min() with it, unread
-                for (int t = 0; t < W; ++t)
-                    md[t] = std::min(kFloatMax, dist[t]);
-            } else {
-                for (int t = 0; t < W; ++t)
-                    md[t] = std::min(md[t], dist[t]);
-            }
-            for (int t = 0; t < W; ++t)
-                dist[t] *= kf;
-            expRun(dist, phiPlane.ptr<float>(y), W);
-        }
-    });
+        });
 
     // Splatting: psi = (phi f[0], ..., phi f[n-1], phi) reduced, interleaved; eta reduced
     // likewise when it comes at full size. Only the full rows the taps read are formed.
     m_psi.create(small, CV_32FC(n + 1));
     if (etaFull) m_etaSmall.create(small, CV_32FC(m));
-    parallelBands(small.height, std::int64_t(small.height) * W * (n + m + 2) * 2,
-                  [&](int r0, int r1) {
-                      float *base = buffer + perThread * std::size_t(omp_get_thread_num());
-                      float *prod = base;                              // one full row
-                      float *h = base + W;                             // (n + 1 + m) x 2 rows
-                      int const sw = small.width;
-                      for (int r = r0; r < r1; ++r) {
-                          for (int k = 0; k < 2; ++k) {
-                              int const y = k == 0 ? dn.y.i0[r] : dn.y.i1[r];
-                              float const *phi = phiPlane.ptr<float>(y);
-                              float *hk = h + std::size_t(k) * sw * (n + 1 + m);
-                              for (int i = 0; i < n; ++i) {
-                                  float const *fi = f[i].ptr<float>(y);
-                                  for (int t = 0; t < W; ++t)
-                                      prod[t] = phi[t] * fi[t];
-                                  tapRow(prod, 1, dn.x, sw, hk + std::size_t(i) * sw);
-                              }
-                              tapRow(phi, 1, dn.x, sw, hk + std::size_t(n) * sw);
-                              if (etaFull)
-                                  for (int i = 0; i < m; ++i)
-                                      tapRow(etaIn[i].ptr<float>(y), 1, dn.x, sw,
-                                             hk + std::size_t(n + 1 + i) * sw);
-                          }
-                          float const w0 = dn.y.w0[r], w1 = dn.y.w1[r];
-                          float const *ha = h, *hb = h + std::size_t(sw) * (n + 1 + m);
-                          float *ps = m_psi.ptr<float>(r);
-                          for (int c = 0; c <= n; ++c)
-                              for (int t = 0; t < sw; ++t)
-                                  ps[t * (n + 1) + c] =
-                                      ha[c * sw + t] * w0 + hb[c * sw + t] * w1;
-                          if (etaFull) {
-                              float *es = m_etaSmall.ptr<float>(r);
-                              for (int c = 0; c < m; ++c)
-                                  for (int t = 0; t < sw; ++t)
-                                      es[t * m + c] = ha[(n + 1 + c) * sw + t] * w0 +
-                                                      hb[(n + 1 + c) * sw + t] * w1;
-                          }
-                      }
-                  });
+    parallelChunks(small.height, kChunkSmall, std::int64_t(small.height) * W * (n + m + 2) * 2,
+                   threadScratch(buffer, perThread), [&](float *base, int r0, int r1) {
+                       float *prod = base;   // one full row
+                       float *h = base + W;  // (n + 1 + m) x 2 rows
+                       int const sw = small.width;
+                       for (int r = r0; r < r1; ++r) {
+                           for (int k = 0; k < 2; ++k) {
+                               int const y = k == 0 ? dn.y.i0[r] : dn.y.i1[r];
+                               float const *phi = phiPlane.ptr<float>(y);
+                               float *hk = h + std::size_t(k) * sw * (n + 1 + m);
+                               for (int i = 0; i < n; ++i) {
+                                   float const *fi = f[i].ptr<float>(y);
+                                   for (int t = 0; t < W; ++t)
+                                       prod[t] = phi[t] * fi[t];
+                                   tapRow(prod, 1, dn.x, sw, hk + std::size_t(i) * sw);
+                               }
+                               tapRow(phi, 1, dn.x, sw, hk + std::size_t(n) * sw);
+                               if (etaFull)
+                                   for (int i = 0; i < m; ++i)
+                                       tapRow(etaIn[i].ptr<float>(y), 1, dn.x, sw,
+                                              hk + std::size_t(n + 1 + i) * sw);
+                           }
+                           float const w0 = dn.y.w0[r], w1 = dn.y.w1[r];
+                           float const *ha = h, *hb = h + std::size_t(sw) * (n + 1 + m);
+                           float *ps = m_psi.ptr<float>(r);
+                           for (int c = 0; c <= n; ++c)
+                               for (int t = 0; t < sw; ++t)
+                                   ps[t * (n + 1) + c] = ha[c * sw + t] * w0 + hb[c * sw + t] * w1;
+                           if (etaFull) {
+                               float *es = m_etaSmall.ptr<float>(r);
+                               for (int c = 0; c < m; ++c)
+                                   for (int t = 0; t < sw; ++t)
+                                       es[t * m + c] = ha[(n + 1 + c) * sw + t] * w0 +
+                                                       hb[(n + 1 + c) * sw + t] * w1;
+                           }
+                       }
+                   });
 
     // Blurring at the reduced size along the reduced manifold.
     m_dt.proc(m_psi, m_etaSmall, blurPlane, 0);
@@ -571,17 +592,17 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
         if (pca >= 2) pcaScratch.resize(pcaThread * threads);
         if (fusedPca && pcaFinish(m_rowSums, H, m, v))
             powerIterations(H, W, m, pca - 1, v, clusterIn, m_rowSums, pcaScratch.data(), pcaThread,
-                        [&](int y, bool first) {
-                            int const th = omp_get_thread_num();
-                            float *base = buffer + perThread * std::size_t(th);
-                            UpRows &cache = caches[th];
-                            if (first) cache = threadCache(base, 1);
-                            xRows(y, base, cache);
-                            float const **p = ptrs.data() + std::size_t(m) * th;
-                            for (int i = 0; i < m; ++i)
-                                p[i] = base + std::size_t(i) * W;
-                            return static_cast<float const *const *>(p);
-                        });
+                            [&](int y, bool first) {
+                                int const th = omp_get_thread_num();
+                                float *base = buffer + perThread * std::size_t(th);
+                                UpRows &cache = caches[th];
+                                if (first) cache = threadCache(base, 1);
+                                xRows(y, base, cache);
+                                float const **p = ptrs.data() + std::size_t(m) * th;
+                                for (int i = 0; i < m; ++i)
+                                    p[i] = base + std::size_t(i) * W;
+                                return static_cast<float const *const *>(p);
+                            });
         if (int(m_levels.size()) <= level) m_levels.resize(level + 1);
         Level &L = m_levels[level];
         L.clusterMinus.create(full, CV_32FC1);
@@ -594,30 +615,30 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
     float const *vp = v.ptr<float>();
     cv::Mat clusterMinus = m_levels[level].clusterMinus;
     cv::Mat clusterPlus = m_levels[level].clusterPlus;
-    parallelBands(H, std::int64_t(H) * W * (m + 4), [&](int y0, int y1) {
-        float *base = buffer + perThread * std::size_t(omp_get_thread_num());
-        UpRows etaCache = threadCache(base, 1);
-        float *row = base + std::size_t(W) * m;  // beside the X rows
-        for (int y = y0; y < y1; ++y) {
-            xRows(y, base, etaCache);
-            float *dot = row;
-            for (int t = 0; t < W; ++t)
-                dot[t] = base[t] * vp[0];
-            for (int i = 1; i < m; ++i) {
-                float const *x = base + std::size_t(i) * W;
-                for (int t = 0; t < W; ++t)
-                    dot[t] += x[t] * vp[i];
-            }
-            float const *c = clusterIn.ptr<float>(y);
-            float *cm = clusterMinus.ptr<float>(y);
-            float *cp = clusterPlus.ptr<float>(y);
-            for (int t = 0; t < W; ++t) {
-                bool const plus = dot[t] >= 0.0f;
-                cm[t] = plus ? 0.0f : c[t];
-                cp[t] = plus ? c[t] : 0.0f;
-            }
-        }
-    });
+    parallelChunks(H, kChunk, std::int64_t(H) * W * (m + 4), threadScratch(buffer, perThread),
+                   [&](float *base, int y0, int y1) {
+                       UpRows etaCache = threadCache(base, 1);
+                       float *row = base + std::size_t(W) * m;  // beside the X rows
+                       for (int y = y0; y < y1; ++y) {
+                           xRows(y, base, etaCache);
+                           float *dot = row;
+                           for (int t = 0; t < W; ++t)
+                               dot[t] = base[t] * vp[0];
+                           for (int i = 1; i < m; ++i) {
+                               float const *x = base + std::size_t(i) * W;
+                               for (int t = 0; t < W; ++t)
+                                   dot[t] += x[t] * vp[i];
+                           }
+                           float const *c = clusterIn.ptr<float>(y);
+                           float *cm = clusterMinus.ptr<float>(y);
+                           float *cp = clusterPlus.ptr<float>(y);
+                           for (int t = 0; t < W; ++t) {
+                               bool const plus = dot[t] >= 0.0f;
+                               cm[t] = plus ? 0.0f : c[t];
+                               cp[t] = plus ? c[t] : 0.0f;
+                           }
+                       }
+                   });
 
     // The two sides' manifolds: a[i] = guide[i] c, c = side (1 - phi), reduced, low-passed,
     // eta = a / c (0 where c is 0). Only the full rows the taps read are formed.
@@ -631,37 +652,37 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
         for (int i = 0; i < m; ++i)
             etaSide[i].create(small, CV_32FC1);
         cSide.create(small, CV_32FC1);
-        parallelBands(small.height, std::int64_t(small.height) * W * (m + 2) * 2,
-                      [&](int r0, int r1) {
-                          float *base = buffer + perThread * std::size_t(omp_get_thread_num());
-                          float *cw = base, *prod = base + W;
-                          float *h = base + 2 * std::size_t(W);
-                          int const sw = small.width;
-                          for (int r = r0; r < r1; ++r) {
-                              for (int k = 0; k < 2; ++k) {
-                                  int const y = k == 0 ? dn.y.i0[r] : dn.y.i1[r];
-                                  float const *phi = phiPlane.ptr<float>(y);
-                                  float const *cl = clusterSide.ptr<float>(y);
-                                  float *hk = h + std::size_t(k) * sw * (m + 1);
-                                  for (int t = 0; t < W; ++t)
-                                      cw[t] = cl[t] * (1.0f - phi[t]);
-                                  tapRow(cw, 1, dn.x, sw, hk + std::size_t(m) * sw);
-                                  for (int i = 0; i < m; ++i) {
-                                      float const *gi = g[i].ptr<float>(y);
-                                      for (int t = 0; t < W; ++t)
-                                          prod[t] = gi[t] * cw[t];
-                                      tapRow(prod, 1, dn.x, sw, hk + std::size_t(i) * sw);
-                                  }
-                              }
-                              float const w0 = dn.y.w0[r], w1 = dn.y.w1[r];
-                              float const *ha = h, *hb = h + std::size_t(sw) * (m + 1);
-                              for (int i = 0; i <= m; ++i) {
-                                  float *o = i == m ? cSide.ptr<float>(r) : etaSide[i].ptr<float>(r);
-                                  for (int t = 0; t < sw; ++t)
-                                      o[t] = ha[i * sw + t] * w0 + hb[i * sw + t] * w1;
-                              }
-                          }
-                      });
+        parallelChunks(small.height, kChunkSmall, std::int64_t(small.height) * W * (m + 2) * 2,
+                       threadScratch(buffer, perThread), [&](float *base, int r0, int r1) {
+                           float *cw = base, *prod = base + W;
+                           float *h = base + 2 * std::size_t(W);
+                           int const sw = small.width;
+                           for (int r = r0; r < r1; ++r) {
+                               for (int k = 0; k < 2; ++k) {
+                                   int const y = k == 0 ? dn.y.i0[r] : dn.y.i1[r];
+                                   float const *phi = phiPlane.ptr<float>(y);
+                                   float const *cl = clusterSide.ptr<float>(y);
+                                   float *hk = h + std::size_t(k) * sw * (m + 1);
+                                   for (int t = 0; t < W; ++t)
+                                       cw[t] = cl[t] * (1.0f - phi[t]);
+                                   tapRow(cw, 1, dn.x, sw, hk + std::size_t(m) * sw);
+                                   for (int i = 0; i < m; ++i) {
+                                       float const *gi = g[i].ptr<float>(y);
+                                       for (int t = 0; t < W; ++t)
+                                           prod[t] = gi[t] * cw[t];
+                                       tapRow(prod, 1, dn.x, sw, hk + std::size_t(i) * sw);
+                                   }
+                               }
+                               float const w0 = dn.y.w0[r], w1 = dn.y.w1[r];
+                               float const *ha = h, *hb = h + std::size_t(sw) * (m + 1);
+                               for (int i = 0; i <= m; ++i) {
+                                   float *o =
+                                       i == m ? cSide.ptr<float>(r) : etaSide[i].ptr<float>(r);
+                                   for (int t = 0; t < sw; ++t)
+                                       o[t] = ha[i * sw + t] * w0 + hb[i * sw + t] * w1;
+                               }
+                           }
+                       });
         for (int i = 0; i < m; ++i)
             hFilter(etaSide[i], sigmaSmall, etaSide[i]);
         hFilter(cSide, sigmaSmall, cSide);
@@ -681,8 +702,8 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
     build(f, g, etaPlus, clusterP, sS, sR, level + 1, height, pca);
 }
 
-void AFilter::build(cv::Mat const &f, cv::Mat const &g, cv::Mat &e, cv::Mat &c, float sS,
-                    float sR, int level, int height, int pca) {
+void AFilter::build(cv::Mat const &f, cv::Mat const &g, cv::Mat &e, cv::Mat &c, float sS, float sR,
+                    int level, int height, int pca) {
     std::vector<cv::Mat> const fv{f}, gv{g};
     std::vector<cv::Mat> ev{e};
     build(fv, gv, ev, c, sS, sR, level, height, pca);
@@ -727,50 +748,50 @@ void AFilter::flush(std::vector<cv::Mat> const *in, std::vector<cv::Mat> *out) {
     // Per thread: n + 1 sums, one row, alpha, and per pending node two tapped rows of n + 1.
     std::size_t const perThread = std::size_t(cols) * (n + 3 + 2 * std::size_t(k) * (n + 1)) + 64;
     float *buffer = scratch(perThread);
-    parallelBands(rows, std::int64_t(rows) * cols * (2 * n + 2) * (k + 1), [&](int y0, int y1) {
-        float *acc = buffer + perThread * std::size_t(omp_get_thread_num());
-        float *row = acc + std::size_t(cols) * (n + 1);
-        float *alpha = row + cols;
-        std::vector<UpRows> caches(k);
-        for (int j = 0; j < k; ++j) {
-            caches[j].h0 = alpha + cols + std::size_t(cols) * (n + 1) * 2 * j;
-            caches[j].h1 = caches[j].h0 + std::size_t(cols) * (n + 1);
-        }
-        for (int y = y0; y < y1; ++y) {
-            for (int j = 0; j < k; ++j)
-                caches[j].fetch(m_blurPool[j], up, y, cols);
-            for (int c = 0; c <= n; ++c) {
-                float *a = acc + std::size_t(c) * cols;
-                float *s = sum[c == n ? 0 : c + 1].ptr<float>(y);
-                if (fresh)
-                    std::fill(a, a + cols, 0.0f);
-                else
-                    std::copy(s, s + cols, a);
-                for (int j = 0; j < k; ++j) {
-                    float const *phi = m_phiPool[j].ptr<float>(y);
-                    caches[j].row(up, y, c, cols, row);
-                    for (int t = 0; t < cols; ++t)
-                        a[t] += phi[t] * row[t];
-                }
-                std::copy(a, a + cols, s);
-            }
-            if (!out) continue;
-            float const *md = minDist.ptr<float>(y);
-            for (int x = 0; x < cols; ++x)
-                alpha[x] = float(double(md[x]) * factor);
-            expRun(alpha, alpha, cols);
-            float const *s0 = acc + std::size_t(n) * cols;
-            for (int i = 0; i < n; ++i) {
-                float const *si = acc + std::size_t(i) * cols;
-                float const *p = (*in)[i].ptr<float>(y);
-                float *o = (*out)[i].ptr<float>(y);
-                for (int x = 0; x < cols; ++x) {
-                    float const g = s0[x] == 0.0f ? 0.0f : si[x] / s0[x];
-                    o[x] = alpha[x] * g + (1.0f - alpha[x]) * p[x];
-                }
-            }
-        }
-    });
+    parallelChunks(rows, kChunk, std::int64_t(rows) * cols * (2 * n + 2) * (k + 1),
+                   threadScratch(buffer, perThread), [&](float *acc, int y0, int y1) {
+                       float *row = acc + std::size_t(cols) * (n + 1);
+                       float *alpha = row + cols;
+                       std::vector<UpRows> caches(k);
+                       for (int j = 0; j < k; ++j) {
+                           caches[j].h0 = alpha + cols + std::size_t(cols) * (n + 1) * 2 * j;
+                           caches[j].h1 = caches[j].h0 + std::size_t(cols) * (n + 1);
+                       }
+                       for (int y = y0; y < y1; ++y) {
+                           for (int j = 0; j < k; ++j)
+                               caches[j].fetch(m_blurPool[j], up, y, cols);
+                           for (int c = 0; c <= n; ++c) {
+                               float *a = acc + std::size_t(c) * cols;
+                               float *s = sum[c == n ? 0 : c + 1].ptr<float>(y);
+                               if (fresh)
+                                   std::fill(a, a + cols, 0.0f);
+                               else
+                                   std::copy(s, s + cols, a);
+                               for (int j = 0; j < k; ++j) {
+                                   float const *phi = m_phiPool[j].ptr<float>(y);
+                                   caches[j].row(up, y, c, cols, row);
+                                   for (int t = 0; t < cols; ++t)
+                                       a[t] += phi[t] * row[t];
+                               }
+                               std::copy(a, a + cols, s);
+                           }
+                           if (!out) continue;
+                           float const *md = minDist.ptr<float>(y);
+                           for (int x = 0; x < cols; ++x)
+                               alpha[x] = float(double(md[x]) * factor);
+                           expRun(alpha, alpha, cols);
+                           float const *s0 = acc + std::size_t(n) * cols;
+                           for (int i = 0; i < n; ++i) {
+                               float const *si = acc + std::size_t(i) * cols;
+                               float const *p = (*in)[i].ptr<float>(y);
+                               float *o = (*out)[i].ptr<float>(y);
+                               for (int x = 0; x < cols; ++x) {
+                                   float const g = s0[x] == 0.0f ? 0.0f : si[x] / s0[x];
+                                   o[x] = alpha[x] * g + (1.0f - alpha[x]) * p[x];
+                               }
+                           }
+                       }
+                   });
     m_pending = 0;
     m_sumFresh = false;
 }

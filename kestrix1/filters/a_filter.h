@@ -93,8 +93,8 @@ public:
                std::vector<cv::Mat> &eta, cv::Mat &cluster, float sigmaS, float sigmaR, int level,
                int height, int pcaIterations);
     // The same node for one plane and a one-plane guide.
-    void build(cv::Mat const &f, cv::Mat const &guide, cv::Mat &eta, cv::Mat &cluster,
-               float sigmaS, float sigmaR, int level, int height, int pcaIterations);
+    void build(cv::Mat const &f, cv::Mat const &guide, cv::Mat &eta, cv::Mat &cluster, float sigmaS,
+               float sigmaR, int level, int height, int pcaIterations);
     // A whole run with img as its own guide: sets up the accumulators as proc does, eta =
     // hFilter(img, sigmaS), cluster ones, runs the tree (height below 1: compute2's) and
     // forms out as proc does, without the timing lines.
@@ -135,14 +135,14 @@ private:
     float *scratch(std::size_t perThread);
 
     DTFilter m_dt;
-    cv::Mat m_psi, m_etaSmall;               // reduced interleaved planes of the blur
-    std::vector<cv::Mat> m_phiPool;          // full-size weights of the pending nodes
-    std::vector<cv::Mat> m_blurPool;         // their blurred planes, reduced, interleaved
-    int m_pending = 0;                       // nodes whose slicing waits
-    int m_df = 1;                            // their reduction factor and reduced size
+    cv::Mat m_psi, m_etaSmall;        // reduced interleaved planes of the blur
+    std::vector<cv::Mat> m_phiPool;   // full-size weights of the pending nodes
+    std::vector<cv::Mat> m_blurPool;  // their blurred planes, reduced, interleaved
+    int m_pending = 0;                // nodes whose slicing waits
+    int m_df = 1;                     // their reduction factor and reduced size
     cv::Size m_small;
-    int m_depth = 0;                         // nesting of build calls
-    bool m_final = false;                    // a whole run slices the last nodes itself
+    int m_depth = 0;                              // nesting of build calls
+    bool m_final = false;                         // a whole run slices the last nodes itself
     bool m_sumFresh = false, m_minFresh = false;  // accumulators not yet written
     std::vector<Level> m_levels;
     std::vector<float> m_scratch;

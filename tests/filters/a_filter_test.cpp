@@ -40,7 +40,8 @@ struct Plain {
               int height) {
         int const n = int(f.size()), m = int(g.size());
         cv::Rect const full(0, 0, g[0].cols, g[0].rows);
-        int const df = 1 << int(std::floor(std::log2(std::max(1.0f, std::min(0.25f * sS, 256.0f * sR)))));
+        int const df =
+            1 << int(std::floor(std::log2(std::max(1.0f, std::min(0.25f * sS, 256.0f * sR)))));
         dt.setup(sS / float(df), float(sR / std::sqrt(2.0)), 1, DTFilter::L1);
         Planes X(m), psi(n + 1), small(n + 1), etaSmall(m), blurred;
         cv::Mat dist(full.size(), CV_32F, cv::Scalar(0)), phi, psiM, etaM, blurM;
@@ -49,8 +50,10 @@ struct Plain {
             if (e.size() != full.size()) af.resampling(eta[i], e, df, df);
             X[i] = g[i] - e(full);
             dist += X[i].mul(X[i]);
-            if (eta[i].size() == full.size()) af.resampling(e, etaSmall[i], 1.0 / df, 1.0 / df);
-            else etaSmall[i] = eta[i];
+            if (eta[i].size() == full.size())
+                af.resampling(e, etaSmall[i], 1.0 / df, 1.0 / df);
+            else
+                etaSmall[i] = eta[i];
         }
         cv::exp(dist * double(float(-0.5 / (double(sR) * sR))), phi);
         for (int i = 0; i <= n; ++i) {
@@ -95,7 +98,8 @@ struct Plain {
 
     Planes run(Planes const &in, Planes const &g) {
         sum.assign(in.size() + 1, cv::Mat());
-        for (cv::Mat &s : sum) s = cv::Mat::zeros(in[0].size(), CV_32F);
+        for (cv::Mat &s : sum)
+            s = cv::Mat::zeros(in[0].size(), CV_32F);
         minDist = cv::Mat(in[0].size(), CV_32F, cv::Scalar(3.4028234663852886e+38));
         Planes eta;
         af.hFilter(g, sS, eta);
@@ -150,8 +154,10 @@ TEST(AFilter, LowPassMatchesPlainRecursion) {
             int const w = size.width * ch;
             for (int y = 0; y < r.rows; ++y) {
                 float *p = r.ptr<float>(y);
-                for (int i = ch; i < w; ++i) p[i] += a * (p[i - ch] - p[i]);
-                for (int i = w - ch - 1; i >= 0; --i) p[i] += a * (p[i + ch] - p[i]);
+                for (int i = ch; i < w; ++i)
+                    p[i] += a * (p[i - ch] - p[i]);
+                for (int i = w - ch - 1; i >= 0; --i)
+                    p[i] += a * (p[i + ch] - p[i]);
             }
             for (int i = 0; i < w; ++i) {
                 for (int y = 1; y < r.rows; ++y)
@@ -165,7 +171,8 @@ TEST(AFilter, LowPassMatchesPlainRecursion) {
 
 TEST(AFilter, PrincipalDirectionMatchesPowerIteration) {
     AFilter af;
-    Planes X{kxtest::noise(9, 13, CV_32F, 1, -1.0, 1.0), kxtest::noise(9, 13, CV_32F, 2, -1.0, 1.0)};
+    Planes X{kxtest::noise(9, 13, CV_32F, 1, -1.0, 1.0),
+             kxtest::noise(9, 13, CV_32F, 2, -1.0, 1.0)};
     X[1] += 0.8 * X[0];
     cv::Mat cl = kxtest::checkerboard(9, 13, CV_32F, 3, 0.0, 1.0);
     for (int iterations : {0, 1, 2}) {
@@ -187,8 +194,10 @@ TEST(AFilter, PrincipalDirectionMatchesPowerIteration) {
 TEST(AFilter, ResamplingSizes) {
     AFilter af;
     cv::Mat in = kxtest::ramp(45, 61, CV_32F);
-    struct Case { double f; cv::Size size; } const cases[] = {
-        {0.25, {16, 12}}, {0.5, {31, 23}}, {4.0, {244, 180}}, {1.0 / 8, {8, 6}}};
+    struct Case {
+        double f;
+        cv::Size size;
+    } const cases[] = {{0.25, {16, 12}}, {0.5, {31, 23}}, {4.0, {244, 180}}, {1.0 / 8, {8, 6}}};
     for (auto const &c : cases) {
         cv::Mat out(1, 1, CV_32F, cv::Scalar(std::nan("")));
         af.resampling(in, out, c.f, c.f);
@@ -204,9 +213,14 @@ TEST(AFilter, ResamplingSizes) {
 // slicing of several nodes deferred to one pass or done a few at a time.
 TEST(AFilter, WholeRunMatchesPlainSteps) {
     cv::Mat const photo = kxtest::photo("coffee.png");
-    struct Case { cv::Size size; float sS, sR; int planes, pca, slots; } const cases[] = {
-        {{64, 48}, 16.0f, 0.2f, 3, 1, 8}, {{61, 45}, 16.0f, 0.3f, 3, 2, 3},
-        {{64, 48}, 8.0f, 0.1f, 1, 1, 2}, {{37, 29}, 9.0f, 0.15f, 1, 1, 8}};
+    struct Case {
+        cv::Size size;
+        float sS, sR;
+        int planes, pca, slots;
+    } const cases[] = {{{64, 48}, 16.0f, 0.2f, 3, 1, 8},
+                       {{61, 45}, 16.0f, 0.3f, 3, 2, 3},
+                       {{64, 48}, 8.0f, 0.1f, 1, 1, 2},
+                       {{37, 29}, 9.0f, 0.15f, 1, 1, 8}};
     for (auto const &c : cases) {
         cv::Mat img;
         cv::resize(photo, img, c.size, 0, 0, cv::INTER_AREA);
@@ -230,7 +244,9 @@ TEST(AFilter, WholeRunMatchesPlainSteps) {
         cv::theRNG().state = 12345;
         Planes const ref = plain.run(in, in);
         for (int i = 0; i < c.planes; ++i)
-            EXPECT_TRUE(same(out[i], ref[i])) << c.size << " plane " << i << " " << cv::norm(out[i], ref[i], cv::NORM_INF) << " sum0 " << cv::norm(af.sum[0], plain.sum[0], cv::NORM_INF);
+            EXPECT_TRUE(same(out[i], ref[i]))
+                << c.size << " plane " << i << " " << cv::norm(out[i], ref[i], cv::NORM_INF)
+                << " sum0 " << cv::norm(af.sum[0], plain.sum[0], cv::NORM_INF);
         EXPECT_TRUE(same(af.minDist, plain.minDist)) << c.size;
     }
 }
@@ -245,7 +261,8 @@ TEST(AFilter, ConstantStaysStepEdgeStaysFiniteAndInRange) {
         Planes out;
         testing::internal::CaptureStdout();
         af.proc(in, out);
-        for (int i = 0; i < planes; ++i) EXPECT_TRUE(same(out[i], in[i])) << planes;
+        for (int i = 0; i < planes; ++i)
+            EXPECT_TRUE(same(out[i], in[i])) << planes;
         EXPECT_EQ(af.nodes(), 7);  // height 3
         in.assign(planes, kxtest::stepEdge(48, 64, CV_32F, 0.1, 0.9, 30));
         af.setup(0.5f, 25.0f, 0, 1, in);  // height 2
