@@ -344,11 +344,16 @@ void pcaRow(float const *const *X, float const *c, float const *vf, int m, int c
             t[x] += X[i][x] * vf[i];
     for (int x = 0; x < cols; ++x)
         t[x] *= c[x];
+    // Four running sums, lanes of x mod 4, added pairwise at the end: independent chains.
+    int const body = cols & ~3;
     for (int i = 0; i < m; ++i) {
-        double s = 0.0;
-        for (int x = 0; x < cols; ++x)
-            s += double(X[i][x] * t[x]);
-        sums[i] = s;
+        double s[4] = {0.0, 0.0, 0.0, 0.0};
+        for (int x = 0; x < body; x += 4)
+            for (int l = 0; l < 4; ++l)
+                s[l] += double(X[i][x + l] * t[x + l]);
+        for (int x = body; x < cols; ++x)
+            s[x & 3] += double(X[i][x] * t[x]);
+        sums[i] = (s[0] + s[1]) + (s[2] + s[3]);
     }
 }
 
@@ -769,9 +774,11 @@ void AFilter::flush(std::vector<cv::Mat> const *in, std::vector<cv::Mat> *out) {
                                    std::copy(s, s + cols, a);
                                for (int j = 0; j < k; ++j) {
                                    float const *phi = m_phiPool[j].ptr<float>(y);
-                                   caches[j].row(up, y, c, cols, row);
+                                   float const w0 = up.y.w0[y], w1 = up.y.w1[y];
+                                   float const *h0 = caches[j].h0 + std::size_t(c) * cols;
+                                   float const *h1 = caches[j].h1 + std::size_t(c) * cols;
                                    for (int t = 0; t < cols; ++t)
-                                       a[t] += phi[t] * row[t];
+                                       a[t] += phi[t] * (h0[t] * w0 + h1[t] * w1);
                                }
                                std::copy(a, a + cols, s);
                            }

@@ -103,8 +103,8 @@ public:
 
     // The principal direction of the pixels in cluster: per iteration t = cluster (sum_i
     // X[i] v[i]), v[i] = sum over pixels of X[i] t (products in float, summed per row in
-    // double, rows added in order, so any thread count gives the same v), then v /= |v|
-    // with the scale in double. Fewer than 1 iteration, or a v of length 0, leave v alone.
+    // double in four interleaved partial sums, rows added in order, so any thread count
+    // gives the same v), then v /= |v| with the scale in double. Fewer than 1 iteration, or a v of length 0, leave v alone.
     // v is CV_32F with X.size() values.
     void compute3(std::vector<cv::Mat> &X, int iterations, cv::Mat &v, cv::Mat &cluster);
 
