@@ -459,9 +459,8 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
     // Per-thread scratch: m rows of X, one more row, an upsampling cache of the blurred
     // planes and one of eta (two tapped rows per channel each); the splatting passes reuse it.
     std::size_t const full1 = std::size_t(m) + 2 + 2 * std::size_t(n + 1) + 2 * std::size_t(m);
-    std::size_t const perThread = std::size_t(W) * std::max({full1, 1 + 2 * std::size_t(n + 1 + m),
-                                                             2 + 2 * std::size_t(m + 1)}) +
-                                  64;
+    std::size_t const perThread =
+        std::size_t(W) * std::max({full1, 2 * std::size_t(n + 1 + m), 4 * std::size_t(m + 1)}) + 64;
     float *buffer = scratch(perThread);
     float const kf = float(-0.5 / (double(sR) * double(sR)));
 
@@ -547,19 +546,22 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
     if (etaFull) m_etaSmall.create(small, CV_32FC(m));
     parallelChunks(small.height, kChunkSmall, std::int64_t(small.height) * W * (n + m + 2) * 2,
                    threadScratch(buffer, perThread), [&](float *base, int r0, int r1) {
-                       float *prod = base;   // one full row
-                       float *h = base + W;  // (n + 1 + m) x 2 rows
+                       float *h = base;  // (n + 1 + m) x 2 rows
                        int const sw = small.width;
+                       int const *i0 = dn.x.i0.data(), *i1 = dn.x.i1.data();
+                       float const *w0 = dn.x.w0.data(), *w1 = dn.x.w1.data();
                        for (int r = r0; r < r1; ++r) {
                            for (int k = 0; k < 2; ++k) {
                                int const y = k == 0 ? dn.y.i0[r] : dn.y.i1[r];
                                float const *phi = phiPlane.ptr<float>(y);
                                float *hk = h + std::size_t(k) * sw * (n + 1 + m);
+                               // The products phi f at the tapped columns only.
                                for (int i = 0; i < n; ++i) {
                                    float const *fi = f[i].ptr<float>(y);
-                                   for (int t = 0; t < W; ++t)
-                                       prod[t] = phi[t] * fi[t];
-                                   tapRow(prod, 1, dn.x, sw, hk + std::size_t(i) * sw);
+                                   float *o = hk + std::size_t(i) * sw;
+                                   for (int t = 0; t < sw; ++t)
+                                       o[t] = (phi[i0[t]] * fi[i0[t]]) * w0[t] +
+                                              (phi[i1[t]] * fi[i1[t]]) * w1[t];
                                }
                                tapRow(phi, 1, dn.x, sw, hk + std::size_t(n) * sw);
                                if (etaFull)
@@ -646,48 +648,62 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
                    });
 
     // The two sides' manifolds: a[i] = guide[i] c, c = side (1 - phi), reduced, low-passed,
-    // eta = a / c (0 where c is 0). Only the full rows the taps read are formed.
+    // eta = a / c (0 where c is 0). Only the tapped pixels of the rows the taps read are
+    // formed, both sides in one pass.
     Level &L = m_levels[level];
     float const sigmaSmall = sS / float(df);
     for (int side = 0; side < 2; ++side) {
         std::vector<cv::Mat> &etaSide = side == 0 ? L.etaMinus : L.etaPlus;
-        cv::Mat &cSide = side == 0 ? L.cMinus : L.cPlus;
-        cv::Mat const &clusterSide = side == 0 ? L.clusterMinus : L.clusterPlus;
         etaSide.resize(m);
         for (int i = 0; i < m; ++i)
             etaSide[i].create(small, CV_32FC1);
-        cSide.create(small, CV_32FC1);
-        parallelChunks(small.height, kChunkSmall, std::int64_t(small.height) * W * (m + 2) * 2,
-                       threadScratch(buffer, perThread), [&](float *base, int r0, int r1) {
-                           float *cw = base, *prod = base + W;
-                           float *h = base + 2 * std::size_t(W);
-                           int const sw = small.width;
-                           for (int r = r0; r < r1; ++r) {
-                               for (int k = 0; k < 2; ++k) {
-                                   int const y = k == 0 ? dn.y.i0[r] : dn.y.i1[r];
-                                   float const *phi = phiPlane.ptr<float>(y);
-                                   float const *cl = clusterSide.ptr<float>(y);
-                                   float *hk = h + std::size_t(k) * sw * (m + 1);
-                                   for (int t = 0; t < W; ++t)
-                                       cw[t] = cl[t] * (1.0f - phi[t]);
-                                   tapRow(cw, 1, dn.x, sw, hk + std::size_t(m) * sw);
-                                   for (int i = 0; i < m; ++i) {
-                                       float const *gi = g[i].ptr<float>(y);
-                                       for (int t = 0; t < W; ++t)
-                                           prod[t] = gi[t] * cw[t];
-                                       tapRow(prod, 1, dn.x, sw, hk + std::size_t(i) * sw);
-                                   }
-                               }
-                               float const w0 = dn.y.w0[r], w1 = dn.y.w1[r];
-                               float const *ha = h, *hb = h + std::size_t(sw) * (m + 1);
-                               for (int i = 0; i <= m; ++i) {
-                                   float *o =
-                                       i == m ? cSide.ptr<float>(r) : etaSide[i].ptr<float>(r);
-                                   for (int t = 0; t < sw; ++t)
-                                       o[t] = ha[i * sw + t] * w0 + hb[i * sw + t] * w1;
-                               }
-                           }
-                       });
+        (side == 0 ? L.cMinus : L.cPlus).create(small, CV_32FC1);
+    }
+    parallelChunks(
+        small.height, kChunkSmall, std::int64_t(small.height) * W * (m + 2) * 2,
+        threadScratch(buffer, perThread), [&](float *h, int r0, int r1) {
+            int const sw = small.width;
+            int const *i0 = dn.x.i0.data(), *i1 = dn.x.i1.data();
+            float const *w0 = dn.x.w0.data(), *w1 = dn.x.w1.data();
+            // h: per side, per tapped row k, m + 1 rows of sw: a[0..m-1] then c.
+            auto hRow = [&](int side, int k, int i) {
+                return h + ((std::size_t(side) * 2 + k) * (m + 1) + i) * sw;
+            };
+            for (int r = r0; r < r1; ++r) {
+                for (int k = 0; k < 2; ++k) {
+                    int const y = k == 0 ? dn.y.i0[r] : dn.y.i1[r];
+                    float const *phi = phiPlane.ptr<float>(y);
+                    for (int side = 0; side < 2; ++side) {
+                        float const *cl =
+                            (side == 0 ? L.clusterMinus : L.clusterPlus).ptr<float>(y);
+                        float *hc = hRow(side, k, m);
+                        for (int t = 0; t < sw; ++t)
+                            hc[t] = (cl[i0[t]] * (1.0f - phi[i0[t]])) * w0[t] +
+                                    (cl[i1[t]] * (1.0f - phi[i1[t]])) * w1[t];
+                        for (int i = 0; i < m; ++i) {
+                            float const *gi = g[i].ptr<float>(y);
+                            float *o = hRow(side, k, i);
+                            for (int t = 0; t < sw; ++t)
+                                o[t] = (gi[i0[t]] * (cl[i0[t]] * (1.0f - phi[i0[t]]))) * w0[t] +
+                                       (gi[i1[t]] * (cl[i1[t]] * (1.0f - phi[i1[t]]))) * w1[t];
+                        }
+                    }
+                }
+                float const v0 = dn.y.w0[r], v1 = dn.y.w1[r];
+                for (int side = 0; side < 2; ++side)
+                    for (int i = 0; i <= m; ++i) {
+                        cv::Mat &plane = i == m ? (side == 0 ? L.cMinus : L.cPlus)
+                                                : (side == 0 ? L.etaMinus : L.etaPlus)[i];
+                        float *o = plane.ptr<float>(r);
+                        float const *a = hRow(side, 0, i), *b = hRow(side, 1, i);
+                        for (int t = 0; t < sw; ++t)
+                            o[t] = a[t] * v0 + b[t] * v1;
+                    }
+            }
+        });
+    for (int side = 0; side < 2; ++side) {
+        std::vector<cv::Mat> &etaSide = side == 0 ? L.etaMinus : L.etaPlus;
+        cv::Mat &cSide = side == 0 ? L.cMinus : L.cPlus;
         for (int i = 0; i < m; ++i)
             hFilter(etaSide[i], sigmaSmall, etaSide[i]);
         hFilter(cSide, sigmaSmall, cSide);
