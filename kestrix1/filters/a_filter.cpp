@@ -303,6 +303,10 @@ void AFilter::hFilter(std::vector<cv::Mat> const &in, float sigma, std::vector<c
 // ---- resampling ----------------------------------------------------------------------------
 
 void AFilter::resampling(cv::Mat const &in, cv::Mat &out, double fx, double fy) {
+    if (in.empty()) {
+        out.release();
+        return;
+    }
     cv::Size const size = scaledSize(in.size(), fx, fy);
     if (out.size() != size || out.type() != CV_32FC1) out.create(size, CV_32FC1);
     IppiRect const srcRoi{0, 0, in.cols, in.rows}, dstRoi{0, 0, size.width, size.height};
@@ -742,6 +746,8 @@ void AFilter::setupAccumulators(std::vector<cv::Mat> const &in) {
     minDist.create(size, CV_32FC1);
     m_sumFresh = m_minFresh = true;
     m_pending = 0;
+    m_depth = 0;
+    m_final = false;
 }
 
 int AFilter::slotCount(cv::Size full) const {

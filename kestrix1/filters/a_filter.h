@@ -75,7 +75,8 @@ public:
     // pixels. Target pixels whose centres fall beyond the last source centre, which the
     // resize kernel leaves unwritten, take the clamped linear value too (we fill them: a
     // plane of a size that df does not divide would otherwise carry uninitialised memory
-    // into the blur).
+    // into the blur). Empty input gives empty output; throws "ERROR - AFilter::resampling -
+    // pxResize failed" should the kernel refuse the planes.
     void resampling(cv::Mat const &in, cv::Mat &out, double fx, double fy);
 
     // One node of the manifold tree, recursive: the weights phi = exp(-0.5 |guide - eta|^2 /
@@ -87,8 +88,12 @@ public:
     // each with eta = low-passed (guide c) / low-passed c, c = side (1 - phi), at the reduced
     // size. df = min(sigmaS / 4, 256 sigmaR), clamped to at least 1 (small sigmas would
     // otherwise make no valid size), then lowered to a power of two. A side without weight
-    // gives eta 0 there rather than 0 / 0. eta is full size or reduced; sum and minDist must
-    // be set up (proc does it; they are made here when they do not fit f).
+    // gives eta 0 there, and proc's g is 0 where sum[0] is 0: plain divisions would give
+    // 0 / 0 = NaN, which would spread through every later node and into the output (a
+    // constant image, whose children have no weight at all, would come back as NaN). eta is
+    // full size or reduced. sum and minDist must be set up (proc does it; they are made
+    // here when they do not fit f); sum is complete when the outermost call returns, as the
+    // slicing of several nodes is gathered into one pass.
     void build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &guide,
                std::vector<cv::Mat> &eta, cv::Mat &cluster, float sigmaS, float sigmaR, int level,
                int height, int pcaIterations);
@@ -104,8 +109,8 @@ public:
     // The principal direction of the pixels in cluster: per iteration t = cluster (sum_i
     // X[i] v[i]), v[i] = sum over pixels of X[i] t (products in float, summed per row in
     // double in four interleaved partial sums, rows added in order, so any thread count
-    // gives the same v), then v /= |v| with the scale in double. Fewer than 1 iteration, or a v of length 0, leave v alone.
-    // v is CV_32F with X.size() values.
+    // gives the same v), then v /= |v| with the scale in double. Fewer than 1 iteration,
+    // or sums of length 0, leave v alone. v is CV_32F with X.size() values.
     void compute3(std::vector<cv::Mat> &X, int iterations, cv::Mat &v, cv::Mat &cluster);
 
     // Gaussian weights of squared offsets: w[0] = exp(-0.5 d / sigmaR^2) with d = sum of
