@@ -296,8 +296,16 @@ TEST(AFilter, GuardRails) {
     af.setup(0.2f, 2.0f, 0, 1, in);
     testing::internal::CaptureStdout();
     EXPECT_TRUE(af.proc(in, out));
-    testing::internal::GetCapturedStdout();
     EXPECT_TRUE(same(out[0], in[0]));
+    // Planes smaller than df: a reduced size of one pixel.
+    for (cv::Size size : {cv::Size(1, 1), cv::Size(5, 3), cv::Size(1, 9)}) {
+        Planes tiny{kxtest::noise(size.height, size.width, CV_32F, 3, 0.0, 1.0)};
+        af.setup(0.2f, 16.0f, 0, 1, tiny);
+        af.proc(tiny, out);
+        EXPECT_EQ(out[0].size(), size);
+        EXPECT_TRUE(cv::checkRange(out[0])) << size;
+    }
+    testing::internal::GetCapturedStdout();
 }
 
 }  // namespace
