@@ -772,13 +772,11 @@ void AFilter::flush(std::vector<cv::Mat> const *in, std::vector<cv::Mat> *out) {
     cv::Size const upSize = scaledSize(m_small, m_df, m_df);
     Plan const up = linearPlan(m_small, upSize, m_df, m_df);
     double const factor = -0.5 / (double(sigmaR) * double(sigmaR));
-    // Per thread: n + 1 sums, one row, alpha, and per pending node two tapped rows of n + 1.
-    std::size_t const perThread = std::size_t(cols) * (n + 3 + 2 * std::size_t(k) * (n + 1)) + 64;
+    // Per thread: alpha, and per pending node two tapped rows of n + 1 channels.
+    std::size_t const perThread = std::size_t(cols) * (1 + 2 * std::size_t(k) * (n + 1)) + 64;
     float *buffer = scratch(perThread);
     parallelChunks(rows, kChunk, std::int64_t(rows) * cols * (2 * n + 2) * (k + 1),
-                   threadScratch(buffer, perThread), [&](float *acc, int y0, int y1) {
-                       float *row = acc + std::size_t(cols) * (n + 1);
-                       float *alpha = row + cols;
+                   threadScratch(buffer, perThread), [&](float *alpha, int y0, int y1) {
                        std::vector<UpRows> caches(k);
                        for (int j = 0; j < k; ++j) {
                            caches[j].h0 = alpha + cols + std::size_t(cols) * (n + 1) * 2 * j;
@@ -788,12 +786,8 @@ void AFilter::flush(std::vector<cv::Mat> const *in, std::vector<cv::Mat> *out) {
                            for (int j = 0; j < k; ++j)
                                caches[j].fetch(m_blurPool[j], up, y, cols);
                            for (int c = 0; c <= n; ++c) {
-                               float *a = acc + std::size_t(c) * cols;
-                               float *s = sum[c == n ? 0 : c + 1].ptr<float>(y);
-                               if (fresh)
-                                   std::fill(a, a + cols, 0.0f);
-                               else
-                                   std::copy(s, s + cols, a);
+                               float *a = sum[c == n ? 0 : c + 1].ptr<float>(y);
+                               if (fresh) std::fill(a, a + cols, 0.0f);
                                for (int j = 0; j < k; ++j) {
                                    float const *phi = m_phiPool[j].ptr<float>(y);
                                    float const w0 = up.y.w0[y], w1 = up.y.w1[y];
@@ -802,16 +796,15 @@ void AFilter::flush(std::vector<cv::Mat> const *in, std::vector<cv::Mat> *out) {
                                    for (int t = 0; t < cols; ++t)
                                        a[t] += phi[t] * (h0[t] * w0 + h1[t] * w1);
                                }
-                               std::copy(a, a + cols, s);
                            }
                            if (!out) continue;
                            float const *md = minDist.ptr<float>(y);
                            for (int x = 0; x < cols; ++x)
                                alpha[x] = float(double(md[x]) * factor);
                            expRun(alpha, alpha, cols);
-                           float const *s0 = acc + std::size_t(n) * cols;
+                           float const *s0 = sum[0].ptr<float>(y);
                            for (int i = 0; i < n; ++i) {
-                               float const *si = acc + std::size_t(i) * cols;
+                               float const *si = sum[i + 1].ptr<float>(y);
                                float const *p = (*in)[i].ptr<float>(y);
                                float *o = (*out)[i].ptr<float>(y);
                                for (int x = 0; x < cols; ++x) {
