@@ -248,6 +248,14 @@ TEST(AFilter, WholeRunMatchesPlainSteps) {
                 << c.size << " plane " << i << " " << cv::norm(out[i], ref[i], cv::NORM_INF)
                 << " sum0 " << cv::norm(af.sum[0], plain.sum[0], cv::NORM_INF);
         EXPECT_TRUE(same(af.minDist, plain.minDist)) << c.size;
+        // The host's whole-run form, image as its own guide, without the timing lines.
+        Planes eta, again;
+        cv::theRNG().state = 12345;
+        testing::internal::CaptureStdout();
+        af.build(in, c.sS, c.sR, 0, eta, c.pca, again);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+        for (int i = 0; i < c.planes; ++i)
+            EXPECT_TRUE(same(again[i], ref[i])) << c.size << " plane " << i;
     }
 }
 
