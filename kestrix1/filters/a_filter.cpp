@@ -32,6 +32,8 @@ constexpr int kRowGroup = 8;
 // Every row's result is the same whatever chunk or thread computes it.
 constexpr int kChunk = 32;
 constexpr int kChunkSmall = 8;
+// Columns per tile of the slicing pass.
+constexpr int kTile = 512;
 
 // The make() of parallelChunks: each thread's own slice of a scratch block.
 auto threadScratch(float *block, std::size_t perThread) {
@@ -785,16 +787,21 @@ void AFilter::flush(std::vector<cv::Mat> const *in, std::vector<cv::Mat> *out) {
                        for (int y = y0; y < y1; ++y) {
                            for (int j = 0; j < k; ++j)
                                caches[j].fetch(m_blurPool[j], up, y, cols);
-                           for (int c = 0; c <= n; ++c) {
-                               float *a = sum[c == n ? 0 : c + 1].ptr<float>(y);
-                               if (fresh) std::fill(a, a + cols, 0.0f);
-                               for (int j = 0; j < k; ++j) {
-                                   float const *phi = m_phiPool[j].ptr<float>(y);
-                                   float const w0 = up.y.w0[y], w1 = up.y.w1[y];
-                                   float const *h0 = caches[j].h0 + std::size_t(c) * cols;
-                                   float const *h1 = caches[j].h1 + std::size_t(c) * cols;
-                                   for (int t = 0; t < cols; ++t)
-                                       a[t] += phi[t] * (h0[t] * w0 + h1[t] * w1);
+                           // Tiles of columns keep a tile's sums and weights in the
+                           // first-level cache across nodes and channels.
+                           float const w0 = up.y.w0[y], w1 = up.y.w1[y];
+                           for (int x0 = 0; x0 < cols; x0 += kTile) {
+                               int const x1 = std::min(cols, x0 + kTile);
+                               for (int c = 0; c <= n; ++c) {
+                                   float *a = sum[c == n ? 0 : c + 1].ptr<float>(y);
+                                   if (fresh) std::fill(a + x0, a + x1, 0.0f);
+                                   for (int j = 0; j < k; ++j) {
+                                       float const *phi = m_phiPool[j].ptr<float>(y);
+                                       float const *h0 = caches[j].h0 + std::size_t(c) * cols;
+                                       float const *h1 = caches[j].h1 + std::size_t(c) * cols;
+                                       for (int t = x0; t < x1; ++t)
+                                           a[t] += phi[t] * (h0[t] * w0 + h1[t] * w1);
+                                   }
                                }
                            }
                            if (!out) continue;
