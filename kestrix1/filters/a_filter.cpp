@@ -462,9 +462,9 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
     Plan const up = linearPlan(small, upSize, df, df);
     if (!etaFull) cv::merge(etaIn, m_etaSmall);
 
-    // Per-thread scratch: m rows of X, one more row, an upsampling cache of the blurred
-    // planes and one of eta (two tapped rows per channel each); the splatting passes reuse it.
-    std::size_t const full1 = std::size_t(m) + 2 + 2 * std::size_t(n + 1) + 2 * std::size_t(m);
+    // Per-thread scratch: m rows of X, two more rows and an upsampling cache of eta (two
+    // tapped rows per channel); the splatting passes reuse it.
+    std::size_t const full1 = std::size_t(m) + 2 + 2 * std::size_t(m);
     std::size_t const perThread =
         std::size_t(W) * std::max({full1, 2 * std::size_t(n + 1 + m), 4 * std::size_t(m + 1)}) + 64;
     float *buffer = scratch(perThread);
@@ -487,18 +487,18 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
             }
         }
     };
-    // Cache 0 holds blurred rows (n + 1 channels), cache 1 eta rows (m channels).
-    auto threadCache = [&](float *base, int which) {
+    // The cache of upsampled eta rows in a thread's scratch.
+    auto threadCache = [&](float *base) {
         UpRows c;
-        c.h0 = base + std::size_t(W) * (m + 2) + (which ? 2 * std::size_t(W) * (n + 1) : 0);
-        c.h1 = c.h0 + std::size_t(W) * (which ? m : n + 1);
+        c.h0 = base + std::size_t(W) * (m + 2);
+        c.h1 = c.h0 + std::size_t(W) * m;
         return c;
     };
 
     // Below the height, the random direction of the split and the first power iteration
     // ride along with the distances.
     bool const leaf = level >= height;
-    cv::Mat v(m, 1, CV_32FC1);
+    cv::Mat v(m, 1, CV_32FC1, cv::Scalar(0));
     bool const fusedPca = !leaf && pca >= 1;
     if (!leaf) {
         cv::randu(v, 0.0f, 1.0f);
@@ -515,7 +515,7 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
     parallelChunks(
         H, kChunk, std::int64_t(H) * W * (2 * m + 8), threadScratch(buffer, perThread),
         [&](float *base, int y0, int y1) {
-            UpRows cache = threadCache(base, 1);
+            UpRows cache = threadCache(base);
             float *dist = base + std::size_t(W) * m;
             std::vector<float const *> X(m);
             for (int i = 0; i < m; ++i)
@@ -609,7 +609,7 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
                                 int const th = omp_get_thread_num();
                                 float *base = buffer + perThread * std::size_t(th);
                                 UpRows &cache = caches[th];
-                                if (first) cache = threadCache(base, 1);
+                                if (first) cache = threadCache(base);
                                 xRows(y, base, cache);
                                 float const **p = ptrs.data() + std::size_t(m) * th;
                                 for (int i = 0; i < m; ++i)
@@ -630,7 +630,7 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
     cv::Mat clusterPlus = m_levels[level].clusterPlus;
     parallelChunks(H, kChunk, std::int64_t(H) * W * (m + 4), threadScratch(buffer, perThread),
                    [&](float *base, int y0, int y1) {
-                       UpRows etaCache = threadCache(base, 1);
+                       UpRows etaCache = threadCache(base);
                        float *row = base + std::size_t(W) * m;  // beside the X rows
                        for (int y = y0; y < y1; ++y) {
                            xRows(y, base, etaCache);
