@@ -253,18 +253,30 @@ int AFilter::compute2(float sigmaS_, float sigmaR_) {
 
 // ---- low-pass filter -----------------------------------------------------------------------
 
-void AFilter::hFilterHorizontal(cv::Mat &img, float sigma) {
-    if (img.empty()) return;
-    float const a = lowPassFactor(sigma);
-    int const rows = img.rows, cols = img.cols, ch = img.channels();
+namespace {
+
+// The horizontal recursions from src into dst (src may be dst): each row is copied as its
+// group comes up, while it is in cache anyway.
+void rowsLowPass(cv::Mat const &src, cv::Mat &dst, float a) {
+    int const rows = src.rows, cols = src.cols, ch = src.channels();
     int const groups = (rows + kRowGroup - 1) / kRowGroup;
+    std::size_t const rowBytes = sizeof(float) * std::size_t(cols) * ch;
     parallelRows(groups, std::int64_t(rows) * cols * ch, [&](int g) {
         float *p[kRowGroup];
         int const y0 = g * kRowGroup, n = std::min(kRowGroup, rows - y0);
-        for (int r = 0; r < n; ++r)
-            p[r] = img.ptr<float>(y0 + r);
+        for (int r = 0; r < n; ++r) {
+            p[r] = dst.ptr<float>(y0 + r);
+            if (src.data != dst.data) std::memcpy(p[r], src.ptr<float>(y0 + r), rowBytes);
+        }
         recurseRows(p, n, cols, ch, a);
     });
+}
+
+}  // namespace
+
+void AFilter::hFilterHorizontal(cv::Mat &img, float sigma) {
+    if (img.empty()) return;
+    rowsLowPass(img, img, lowPassFactor(sigma));
 }
 
 void AFilter::hFilterVertical(cv::Mat &img, float sigma) {
@@ -290,8 +302,14 @@ void AFilter::hFilterVertical(cv::Mat &img, float sigma) {
 }
 
 void AFilter::hFilter(cv::Mat const &in, float sigma, cv::Mat &out) {
-    if (in.data != out.data) in.copyTo(out);
-    hFilterHorizontal(out, sigma);
+    if (in.empty()) {
+        out.release();
+        return;
+    }
+    // Held by value: in's pixels stay alive should out be re-created over them.
+    cv::Mat const src = in;
+    if (src.data != out.data || src.step != out.step) out.create(src.size(), src.type());
+    rowsLowPass(src, out, lowPassFactor(sigma));
     hFilterVertical(out, sigma);
 }
 
