@@ -278,17 +278,20 @@ TEST(AFilter, ConstantStaysStepEdgeStaysFiniteAndInRange) {
             EXPECT_TRUE(same(out[i], in[i])) << planes;
         EXPECT_EQ(af.nodes(), 7);  // height 3
         in.assign(planes, kxtest::stepEdge(48, 64, CV_32F, 0.1, 0.9, 30));
-        af.setup(0.5f, 25.0f, 0, 1, in);  // height 2
-        af.proc(in, out);
-        testing::internal::GetCapturedStdout();
-        EXPECT_EQ(af.nodes(), 3);
-        for (int i = 0; i < planes; ++i) {
-            double lo, hi;
-            cv::minMaxIdx(out[i], &lo, &hi);
-            EXPECT_TRUE(cv::checkRange(out[i])) << planes;
-            EXPECT_GE(lo, 0.1 - 1e-5);
-            EXPECT_LE(hi, 0.9 + 1e-5);
+        // Height 2; then a range sigma so small that some weights vanish altogether.
+        for (float sigmaR : {0.5f, 0.001f}) {
+            af.setup(sigmaR, 25.0f, 0, 1, in);
+            af.proc(in, out);
+            if (sigmaR == 0.5f) EXPECT_EQ(af.nodes(), 3);
+            for (int i = 0; i < planes; ++i) {
+                double lo, hi;
+                cv::minMaxIdx(out[i], &lo, &hi);
+                EXPECT_TRUE(cv::checkRange(out[i])) << planes << " " << sigmaR;
+                EXPECT_GE(lo, 0.1 - 1e-5);
+                EXPECT_LE(hi, 0.9 + 1e-5);
+            }
         }
+        testing::internal::GetCapturedStdout();
     }
 }
 
