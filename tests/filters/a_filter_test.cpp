@@ -282,7 +282,9 @@ TEST(AFilter, ConstantStaysStepEdgeStaysFiniteAndInRange) {
         for (float sigmaR : {0.5f, 0.001f}) {
             af.setup(sigmaR, 25.0f, 0, 1, in);
             af.proc(in, out);
-            if (sigmaR == 0.5f) EXPECT_EQ(af.nodes(), 3);
+            if (sigmaR == 0.5f) {
+                EXPECT_EQ(af.nodes(), 3);
+            }
             for (int i = 0; i < planes; ++i) {
                 double lo, hi;
                 cv::minMaxIdx(out[i], &lo, &hi);
