@@ -24,6 +24,7 @@
 
 #include "kestrix1/blocks/block_processor.h"
 #include "kestrix1/effects/t_details3.h"
+#include "kestrix1/filters/a_filter.h"
 #include "kestrix1/filters/bilateral_filter.h"
 #include "kestrix1/filters/dt_filter.h"
 #include "kestrix1/filters/guided.h"
