@@ -26,6 +26,7 @@
 #include "kestrix1/effects/t_details3.h"
 #include "kestrix1/filters/dt_filter.h"
 #include "kestrix1/filters/guided.h"
+#include "kestrix1/filters/local_filter.h"
 #include "kestrix1/filters/tg_filter.h"
 #include "kestrix1/frame/geometry.h"
 #include "kestrix1/frame/kestrix.h"
