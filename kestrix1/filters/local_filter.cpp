@@ -121,42 +121,230 @@ void meanRows(u16 const *a, u16 const *b, u16 *out, int cols) {
 }
 
 KX_VECTOR_CLONES
-void smoothRow(u16 *row, u16 const *above, u16 const *below, int cols) {
+void smoothInto(u16 const *row, u16 const *above, u16 const *below, u16 *out, int cols) {
     for (int x = 0; x < cols; ++x)
-        row[x] = u16((row[x] >> 1) + (below[x] >> 2) + (above[x] >> 2));
+        out[x] = u16((row[x] >> 1) + (below[x] >> 2) + (above[x] >> 2));
 }
 
-// The doubling on sizes it is made for: rows >= 4, cols >= 3 and src of at least
-// ((rows + 1) / 2) x ((cols + 1) / 2) samples.
-void doubleCore(Mat const &src, Mat &dst) {
-    int const rows = dst.rows, cols = dst.cols;
-    std::int64_t const work = std::int64_t(rows) * cols / 2;
-    auto row = [&](int r) { return dst.ptr<u16>(r); };
-    // 1. odd rows from the source rows.
-    parallelRows(rows / 2, work, [&](int i) { doubleRow(src.ptr<u16>(i), row(2 * i + 1), cols); });
-    // 2. row 2 between rows 1 and 3.
-    meanRows(row(3), row(1), row(2), cols);
-    // 3. even rows 4, 6, ... from the odd rows as they came, then odd rows 3, 5, ... smoothed
-    //    with the finished even rows beside them: the order of a serial sweep.
-    int const inner = std::max(0, (rows - 2 - 3 + 1) / 2);  // r = 3 + 2t < rows - 2
-    parallelRows(inner, work, [&](int t) {
-        int const r = 3 + 2 * t;
-        meanRows(row(r), row(r + 2), row(r + 1), cols);
-    });
-    parallelRows(inner, work, [&](int t) {
-        int const r = 3 + 2 * t;
-        smoothRow(row(r), row(r - 1), row(r + 1), cols);
-    });
-    // 4. the last rows.
-    if (rows % 2 == 1) {
-        std::memcpy(row(rows - 1), row(rows - 3), cols * sizeof(u16));
-        meanRows(row(rows - 2), row(rows - 3), row(rows - 2), cols);
+// a - b + 32768 (sign -1) or a + b - 32768 (sign +1), saturated.
+KX_VECTOR_CLONES
+void offsetSumRow(u16 const *a, u16 const *b, u16 *out, int cols, int sign) {
+    if (sign < 0) {
+        for (int x = 0; x < cols; ++x)
+            out[x] = u16(std::min(std::max(int(a[x]) - int(b[x]) + 32768, 0), 65535));
     } else {
-        meanRows(row(rows - 1), row(rows - 2), row(rows - 1), cols);
+        for (int x = 0; x < cols; ++x)
+            out[x] = u16(std::min(std::max(int(a[x]) + int(b[x]) - 32768, 0), 65535));
     }
-    // 5. the first rows.
-    std::memcpy(row(0), row(2), cols * sizeof(u16));
-    meanRows(row(1), row(2), row(1), cols);
+}
+
+void offsetSum(Mat const &a, Mat const &b, Mat &out, int sign) {
+    if (out.data != a.data && out.data != b.data) out.create(a.size(), CV_16UC1);
+    parallelRows(a.rows, a.total(), [&](int y) {
+        offsetSumRow(a.ptr<u16>(y), b.ptr<u16>(y), out.ptr<u16>(y), a.cols, sign);
+    });
+}
+
+// ---- blend ---------------------------------------------------------------------------------
+
+// Coefficients of interval j. With f = G / step (divide) or G * scale, k = min((int)f, top)
+// and frac = f - k: where k == j, out = trunc(hi frac + lo (1 - frac)) saturated to 16 bits.
+// top = n - 2 extrapolates in the last interval; a top above every k leaves such pixels alone.
+struct Blend {
+    float scale;  // step, or 1 / step
+    bool divide;
+    int j, top;
+    // Values of G whose k is j (blended), and whose k is j or j + 1 (where the new
+    // reference's coefficients are read, now or in the next interval). k grows with G, so
+    // both are ranges; lo > hi when empty.
+    int blendLo = kTableUsed, blendHi = -1, needLo = kTableUsed, needHi = -1;
+
+    int k(int g) const {
+        float const f = divide ? float(g) / scale : float(g) * scale;
+        return std::min(int(f), top);
+    }
+    void findRanges() {
+        for (int g = 0; g < kTableUsed; ++g) {
+            int const kg = k(g);
+            if (kg == j) {
+                blendLo = std::min(blendLo, g);
+                blendHi = g;
+            }
+            if (kg == j || kg == j + 1) {
+                needLo = std::min(needLo, g);
+                needHi = g;
+            }
+        }
+    }
+};
+
+// Whether any of w values lies in [lo, hi].
+KX_VECTOR_CLONES
+bool anyIn(u16 const *g, int w, int lo, int hi) {
+    unsigned const span = unsigned(hi - lo);
+    unsigned hit = 0;
+    for (int x = 0; x < w; ++x)
+        hit |= unsigned(unsigned(g[x] - lo) <= span);
+    return hit != 0;
+}
+
+template <bool Divide>
+KX_VECTOR_CLONES void blendRowT(u16 const *g, u16 const *lo, u16 const *hi, u16 *out, int cols,
+                                float scale, int j, int top) {
+    for (int x = 0; x < cols; ++x) {
+        float const f = Divide ? float(g[x]) / scale : float(g[x]) * scale;
+        int k = int(f);
+        k = k < top ? k : top;
+        float const fr = f - float(k);
+        float v = float(hi[x]) * fr + float(lo[x]) * (1.0f - fr);
+        v = v < 0.0f ? 0.0f : v;
+        v = v > 65535.0f ? 65535.0f : v;
+        u16 const o = u16(int(v));
+        u16 const keep = out[x];
+        out[x] = k == j ? o : keep;
+    }
+}
+
+KX_VECTOR_CLONES
+void blendDivide(u16 const *g, u16 const *lo, u16 const *hi, u16 *out, int cols, float scale,
+                 int j, int top) {
+    blendRowT<true>(g, lo, hi, out, cols, scale, j, top);
+}
+
+KX_VECTOR_CLONES
+void blendInverse(u16 const *g, u16 const *lo, u16 const *hi, u16 *out, int cols, float scale,
+                  int j, int top) {
+    blendRowT<false>(g, lo, hi, out, cols, scale, j, top);
+}
+
+inline void blendRow(Blend const &b, u16 const *g, u16 const *lo, u16 const *hi, u16 *out,
+                     int cols) {
+    if (b.divide)
+        blendDivide(g, lo, hi, out, cols, b.scale, b.j, b.top);
+    else
+        blendInverse(g, lo, hi, out, cols, b.scale, b.j, b.top);
+}
+
+constexpr int kChunk = 64;
+
+// One row of a reference's Laplacian level, out = a -+ f +- 32768 as combineRow's sign says,
+// with the blend of its output level fused in. Without a blend every value is made; with
+// one, runs of kChunk values whose G is outside the needed range are left as they are:
+// nothing ever reads them.
+void combineRow(u16 const *a, u16 const *f, u16 *out, int cols, int sign, Blend const *b,
+                u16 const *g, u16 const *lo, u16 *o) {
+    if (b == nullptr) {
+        offsetSumRow(a, f, out, cols, sign);
+        return;
+    }
+    if (b->needLo > b->needHi) return;
+    bool const blends = b->blendLo <= b->blendHi;
+    for (int x = 0; x < cols; x += kChunk) {
+        int const w = std::min(kChunk, cols - x);
+        if (!anyIn(g + x, w, b->needLo, b->needHi)) continue;
+        offsetSumRow(a + x, f + x, out + x, w, sign);
+        if (blends && anyIn(g + x, w, b->blendLo, b->blendHi))
+            blendRow(*b, g + x, lo + x, out + x, o + x, w);
+    }
+}
+
+// The top level: the blend alone, by the same runs.
+void blendOnly(Blend const &b, u16 const *g, u16 const *lo, u16 const *hi, u16 *o, int cols) {
+    if (b.blendLo > b.blendHi) return;
+    for (int x = 0; x < cols; x += kChunk) {
+        int const w = std::min(kChunk, cols - x);
+        if (anyIn(g + x, w, b.blendLo, b.blendHi)) blendRow(b, g + x, lo + x, hi + x, o + x, w);
+    }
+}
+
+// The planes one level of the blend reads and writes; lo and hi may be one plane.
+struct BlendLevel {
+    Mat const *g, *lo;
+    Mat *o;
+};
+
+// ---- doubling, one output row at a time ----------------------------------------------------
+
+// The doubling's final rows straight from the source: odd rows are first the doubled source
+// rows U (row 2s + 1 from source row s), even rows E the mean of their two neighbours, then
+// odd rows 3, 5, ... below rows - 2 are smoothed with the finished even rows beside them,
+// and the first and last rows are copied or averaged. Every final row depends on at most
+// three source rows, so bands of rows are independent. Needs rows >= 4, cols >= 3 and a
+// source of at least ((rows + 1) / 2) x ((cols + 1) / 2) samples.
+class RowDoubler {
+public:
+    RowDoubler(Mat const &src, int rows, int cols)
+        : src_(src), rows_(rows), cols_(cols), buf_(std::size_t(cols) * 7) {}
+
+    // Final row r; the pointer stays valid until the next call.
+    u16 const *row(int r) {
+        int const R = rows_;
+        u16 *f = slot(4), *e0 = slot(5), *e1 = slot(6);
+        if (r == 0) {
+            even(2, f);
+        } else if (r == 1) {
+            even(2, e0);
+            meanRows(U(0), e0, f, cols_);
+        } else if (R % 2 == 0 && r == R - 1) {
+            even(R - 2, e0);
+            meanRows(U((R - 2) / 2), e0, f, cols_);
+        } else if (R % 2 == 1 && r == R - 1) {
+            even(R - 3, f);
+        } else if (R % 2 == 1 && r == R - 2) {
+            even(R - 3, e0);
+            meanRows(U((R - 3) / 2), e0, f, cols_);
+        } else if (r % 2 == 0) {
+            even(r, f);
+        } else {
+            even(r - 1, e0);
+            even(r + 1, e1);
+            smoothInto(U((r - 1) / 2), e0, e1, f, cols_);
+        }
+        return f;
+    }
+
+private:
+    u16 *slot(int i) { return buf_.data() + std::size_t(i) * cols_; }
+    // The doubled source row s, kept in one of four slots.
+    u16 const *U(int s) {
+        u16 *p = slot(s & 3);
+        if (tags_[s & 3] != s) {
+            doubleRow(src_.ptr<u16>(s), p, cols_);
+            tags_[s & 3] = s;
+        }
+        return p;
+    }
+    void even(int e, u16 *out) {
+        u16 const *a = U(e / 2 - 1);
+        meanRows(a, U(e / 2), out, cols_);
+    }
+
+    Mat const &src_;
+    int rows_, cols_;
+    std::vector<u16> buf_;
+    int tags_[4] = {-1, -1, -1, -1};
+};
+
+// out = up(src) (sign 0), a - up(src) + 32768 (sign -1) or a + up(src) - 32768 (sign +1),
+// for the sizes RowDoubler takes; out may be a. With `blend`, each finished row of out is
+// then blended into the output level as the upper reference.
+void doubleCombine(Mat const &src, Mat const *a, Mat &out, int sign, Blend const *blend,
+                   BlendLevel const *level) {
+    int const rows = out.rows, cols = out.cols;
+    parallelBands(rows, std::int64_t(rows) * cols, [&](int y0, int y1) {
+        RowDoubler doubler(src, rows, cols);
+        for (int y = y0; y < y1; ++y) {
+            u16 const *f = doubler.row(y);
+            u16 *o = out.ptr<u16>(y);
+            if (sign == 0)
+                std::memcpy(o, f, cols * sizeof(u16));
+            else if (blend == nullptr)
+                offsetSumRow(a->ptr<u16>(y), f, o, cols, sign);
+            else
+                combineRow(a->ptr<u16>(y), f, o, cols, sign, blend, level->g->ptr<u16>(y),
+                           level->lo->ptr<u16>(y), level->o->ptr<u16>(y));
+        }
+    });
 }
 
 void doubleSize(Mat const &src, Mat &dst, cv::Size size) {
@@ -168,14 +356,9 @@ void doubleSize(Mat const &src, Mat &dst, cv::Size size) {
     int const needRows = (rows + 1) / 2, needCols = (cols + 1) / 2;
     if (rows == size.height && cols == size.width && src.rows >= needRows &&
         src.cols >= needCols) {
-        if (dst.data == src.data) {
-            Mat out(size, CV_16UC1);
-            doubleCore(src, out);
-            dst = out;
-        } else {
-            dst.create(size, CV_16UC1);
-            doubleCore(src, dst);
-        }
+        Mat out = dst.data == src.data ? Mat(size, CV_16UC1) : (dst.create(size, CV_16UC1), dst);
+        doubleCombine(src, nullptr, out, 0, nullptr, nullptr);
+        dst = out;
         return;
     }
     // Small or short sources: work on a source extended by its last row and column and an
@@ -185,102 +368,113 @@ void doubleSize(Mat const &src, Mat &dst, cv::Size size) {
     cv::copyMakeBorder(src(cv::Rect(0, 0, haveCols, haveRows)), extended, 0,
                        needRows - haveRows, 0, needCols - haveCols, cv::BORDER_REPLICATE);
     Mat whole(rows, cols, CV_16UC1);
-    doubleCore(extended, whole);
+    doubleCombine(extended, nullptr, whole, 0, nullptr, nullptr);
     whole(cv::Rect(0, 0, size.width, size.height)).copyTo(dst);
 }
 
-// a - b + 32768 (sign -1) or a + b - 32768 (sign +1), saturated.
-KX_VECTOR_CLONES
-void offsetSumRow(u16 const *a, u16 const *b, u16 *out, int cols, int sign) {
-    if (sign < 0) {
-        for (int x = 0; x < cols; ++x)
-            out[x] = u16(std::clamp(int(a[x]) - int(b[x]) + 32768, 0, 65535));
-    } else {
-        for (int x = 0; x < cols; ++x)
-            out[x] = u16(std::clamp(int(a[x]) + int(b[x]) - 32768, 0, 65535));
-    }
-}
-
-void offsetSum(Mat const &a, Mat const &b, Mat &out, int sign) {
-    if (out.data != a.data && out.data != b.data) out.create(a.size(), CV_16UC1);
-    parallelRows(a.rows, a.total(), [&](int y) {
-        offsetSumRow(a.ptr<u16>(y), b.ptr<u16>(y), out.ptr<u16>(y), a.cols, sign);
-    });
-}
-
-// ---- remap and blend -----------------------------------------------------------------------
+// ---- remap ---------------------------------------------------------------------------------
 
 // r_g(x) for a row, the table index rounded at run time.
 KX_VECTOR_CLONES
 void remapRow(u16 const *in, u16 *out, int cols, u16 const *table, float g) {
     for (int x = 0; x < cols; ++x) {
         float const d = roundEven((float(in[x]) - g) * 0.5f + 32768.0f);
-        int const i = std::clamp(int(d), 0, 65535);
+        int const i = std::min(std::max(int(d), 0), 65535);
         int const v = int(in[x]) + 2 * int(table[i]) - 65536;
-        out[x] = u16(std::clamp(v, 0, 65535));
+        out[x] = u16(std::min(std::max(v, 0), 65535));
     }
 }
 
-void lookupRow(u16 const *in, u16 *out, int cols, u16 const *table) {
-    for (int x = 0; x < cols; ++x)
-        out[x] = table[in[x]];
+u16 const *rampTable() {
+    static std::vector<u16> const ramp = [] {
+        std::vector<u16> r(kTableUsed);
+        for (int i = 0; i < kTableUsed; ++i)
+            r[i] = u16(i);
+        return r;
+    }();
+    return ramp.data();
 }
 
-// Coefficients of interval j: k = min((int)(G / step), top), frac = G / step - k; where
-// k == j, out = trunc(hi frac + lo (1 - frac)) saturated. `top` = n - 2 (extrapolating).
-KX_VECTOR_CLONES
-void blendRowDivide(u16 const *g, u16 const *lo, u16 const *hi, u16 *out, int cols, float step,
-                    int j, int top) {
-    for (int x = 0; x < cols; ++x) {
-        float const f = float(g[x]) / step;
-        int const k = std::min(int(f), top);
-        float const fr = f - float(k);
-        float const v = float(hi[x]) * fr + float(lo[x]) * (1.0f - fr);
-        int const o = std::clamp(int(v), 0, 65535);
-        out[x] = k == j ? u16(o) : out[x];
-    }
+void lookup(Mat const &in, Mat &out, u16 const *table) {
+    parallelRows(in.rows, in.total(), [&](int y) {
+        u16 const *s = in.ptr<u16>(y);
+        u16 *d = out.ptr<u16>(y);
+        for (int x = 0; x < in.cols; ++x)
+            d[x] = table[s[x]];
+    });
 }
 
-// The same with f = G * inv and only k = (int)f == j written, no extrapolation.
-KX_VECTOR_CLONES
-void blendRowInverse(u16 const *g, u16 const *lo, u16 const *hi, u16 *out, int cols, float inv,
-                     int j) {
-    for (int x = 0; x < cols; ++x) {
-        float const f = float(g[x]) * inv;
-        int const k = int(f);
-        float const fr = f - float(k);
-        float const v = float(hi[x]) * fr + float(lo[x]) * (1.0f - fr);
-        int const o = std::clamp(int(v), 0, 65535);
-        out[x] = k == j ? u16(o) : out[x];
-    }
-}
+// ---- reference pyramids --------------------------------------------------------------------
 
 // Which of the two pyramid methods a variant uses.
 struct Pyramid {
     bool opencv;
+    Mat scratch;  // full-size plane for OpenCV's doubling
+
     void down(Mat const &in, Mat &out) const {
         if (opencv)
             cv::pyrDown(in, out, cv::Size(0, 0), cv::BORDER_REFLECT101);
         else
             halve(in, out);
     }
-    void up(Mat const &in, Mat &out, cv::Size size) const {
+
+    // out = a - up(next) + 32768; then, with blend, level blended with out as upper end.
+    void laplacianLevel(Mat const &next, Mat const &a, Mat &out, Blend const *blend,
+                        BlendLevel const *level) {
+        if (out.data != a.data) out.create(a.size(), CV_16UC1);
+        if (!opencv && a.rows >= 4 && a.cols >= 3) {
+            doubleCombine(next, &a, out, -1, blend, level);
+            return;
+        }
+        Mat u = scratch(cv::Rect(0, 0, a.cols, a.rows));
         if (opencv)
-            cv::pyrUp(in, out, size, cv::BORDER_REFLECT101);
+            cv::pyrUp(next, u, a.size(), cv::BORDER_REFLECT101);
         else
-            doubleSize(in, out, size);
+            doubleSize(next, u, a.size());
+        parallelRows(a.rows, a.total(), [&](int y) {
+            bool const b = blend != nullptr;
+            combineRow(a.ptr<u16>(y), u.ptr<u16>(y), out.ptr<u16>(y), a.cols, -1, blend,
+                       b ? level->g->ptr<u16>(y) : nullptr, b ? level->lo->ptr<u16>(y) : nullptr,
+                       b ? level->o->ptr<u16>(y) : nullptr);
+        });
     }
-    // levels[0] holds the plane; levels 1..depth-1 become its Gaussian levels, then levels
-    // 0..depth-2 its Laplacian ones (each level - up(next) + 32768), the top staying Gaussian.
-    // `up` is scratch of level 0's size.
-    void laplacian(std::vector<Mat> &levels, Mat &scratch) const {
+
+    // out = a + up(next) - 32768.
+    void collapseLevel(Mat const &next, Mat const &a, Mat &out) {
+        if (out.data != a.data) out.create(a.size(), CV_16UC1);
+        if (!opencv && a.rows >= 4 && a.cols >= 3) {
+            doubleCombine(next, &a, out, +1, nullptr, nullptr);
+            return;
+        }
+        Mat u = scratch(cv::Rect(0, 0, a.cols, a.rows));
+        if (opencv)
+            cv::pyrUp(next, u, a.size(), cv::BORDER_REFLECT101);
+        else
+            doubleSize(next, u, a.size());
+        offsetSum(a, u, out, +1);
+    }
+
+    // levels[0] holds a plane; levels 1..depth-1 become its Gaussian levels, then levels
+    // 0..depth-2 its Laplacian ones in place, the top staying Gaussian. Each level can have
+    // the blend of its output level fused in, with `lower` the interval's lower reference
+    // (null: this pyramid is both ends).
+    void build(std::vector<Mat> &levels, Blend const *blend, std::vector<Mat> const *lower,
+               std::vector<Mat> const &G, std::vector<Mat> &O) {
         int const depth = int(levels.size());
         for (int i = 1; i < depth; ++i)
             down(levels[i - 1], levels[i]);
-        for (int i = 0; i + 1 < depth; ++i) {
-            Mat u = scratch(cv::Rect(0, 0, levels[i].cols, levels[i].rows));
-            up(levels[i + 1], u, levels[i].size());
-            offsetSum(levels[i], u, levels[i], -1);
+        for (int i = 0; i < depth; ++i) {
+            BlendLevel const level{&G[i], lower != nullptr ? &(*lower)[i] : &levels[i], &O[i]};
+            if (i + 1 < depth) {
+                laplacianLevel(levels[i + 1], levels[i], levels[i], blend, &level);
+            } else if (blend != nullptr) {
+                Mat const &g = G[i], &lo = *level.lo, &hi = levels[i];
+                Mat &o = O[i];
+                parallelRows(g.rows, g.total(), [&](int y) {
+                    blendOnly(*blend, g.ptr<u16>(y), lo.ptr<u16>(y), hi.ptr<u16>(y), o.ptr<u16>(y),
+                              g.cols);
+                });
+            }
         }
     }
 };
@@ -480,12 +674,7 @@ void LocalFilter::setupLUT(int levels) {
     float const step = range * 65535.0f / float(remapLevels);
     std::fill(levelLuts + (std::size_t(levels - 1) << 16), levelLuts + (std::size_t(levels) << 16),
               u16(0));
-    static u16 const *const ramp = [] {
-        static u16 values[kTableUsed];
-        for (int i = 0; i < kTableUsed; ++i)
-            values[i] = u16(i);
-        return values;
-    }();
+    u16 const *ramp = rampTable();
     parallelRows(levels - 1, std::int64_t(levels - 1) << 16, [&](int row) {
         remapRow(ramp, levelLuts + (std::size_t(row) << 16), kTableUsed, remapLut,
                  float(row + 1) * step);
@@ -558,30 +747,32 @@ bool LocalFilter::run(cv::Mat const &src, cv::Mat &dst, TProgress *progress, Var
 
     int const total = n + 2;
     auto report = [&](int count) { return progress == nullptr || progress->prog(count, total); };
+    auto unscale = [&](Mat const &from) {
+        if (range == 1.0f)
+            from.copyTo(dst);
+        else
+            from.convertTo(dst, CV_16UC1, 1.0 / range, (1.0 - 1.0 / range) * 32768.0);
+    };
     if (depth < 1) {
         // A side of one pixel has no pyramid: the image comes back as it went in.
         if (!report(1)) return false;
-        if (range != 1.0f) dst.convertTo(dst, CV_16UC1, 1.0 / range, (1.0 - 1.0 / range) * 32768.0);
+        unscale(dst);
         return report(total);
     }
 
-    Pyramid const pyramid{variant == Variant::cvPyramid};
-    Mat up = workPlane(rows, cols);
+    Pyramid pyramid{variant == Variant::cvPyramid, Mat()};
+    bool const simple = !pyramid.opencv;
+    if (!simple || std::min(rows, cols) < 4) pyramid.scratch = workPlane(rows, cols);
 
     // 3, 4. the input's Gaussian levels G and, in O, its Laplacian ones to start the output.
     std::vector<Mat> G(depth), O(depth);
     G[0] = dst;
-    O[0] = workPlane(rows, cols);
-    dst.copyTo(O[0]);
-    for (int i = 1; i < depth; ++i) {
+    for (int i = 1; i < depth; ++i)
         pyramid.down(G[i - 1], G[i]);
-        G[i].copyTo(O[i]);
-    }
-    for (int i = 0; i + 1 < depth; ++i) {
-        Mat u = up(cv::Rect(0, 0, O[i].cols, O[i].rows));
-        pyramid.up(G[i + 1], u, O[i].size());
-        offsetSum(O[i], u, O[i], -1);
-    }
+    O[0] = workPlane(rows, cols);
+    for (int i = 0; i + 1 < depth; ++i)
+        pyramid.laplacianLevel(G[i + 1], G[i], O[i], nullptr, nullptr);
+    G[depth - 1].copyTo(O[depth - 1]);
 
     // 5. two reference pyramids, reused interval after interval.
     std::vector<Mat> B[2];
@@ -593,58 +784,45 @@ bool LocalFilter::run(cv::Mat const &src, cv::Mat &dst, TProgress *progress, Var
     if (!report(1)) return false;
 
     float const step = range * 65535.0f / float(n);
-    float const inv = 1.0f / step;
+    std::vector<u16> remapTable(tables ? 0 : kTableUsed);
     long remapMs = 0, buildMs = 0, blendMs = 0;
-    std::int64_t const work = std::int64_t(rows) * cols;
+    // The remap for reference `level`: a row of levelLuts, or the same values worked out for
+    // this call from remapLut, so that 24 megapixels take one lookup each.
     auto remap = [&](int level, Mat &out) {
-        parallelRows(rows, work, [&](int y) {
-            if (tables)
-                lookupRow(dst.ptr<u16>(y), out.ptr<u16>(y), cols,
-                          levelLuts + (std::size_t(level - 1) << 16));
-            else
-                remapRow(dst.ptr<u16>(y), out.ptr<u16>(y), cols, remapLut, float(level) * step);
-        });
+        u16 const *table = levelLuts + (std::size_t(level - 1) << 16);
+        if (!tables) {
+            table = remapTable.data();
+            remapRow(rampTable(), remapTable.data(), kTableUsed, remapLut, float(level) * step);
+        }
+        lookup(dst, out, table);
     };
 
     for (int j = 0; j + 1 < n; ++j) {
-        Mat &next = B[(j + 1) % 2][0];
-        // 7a, 7b: the reference g_{j+1} (and at j = 0 also the lower end of the interval).
+        int const hi = (j + 1) % 2, lo = j % 2;
+        // 7a: the reference g_{j+1}, and at j = 0 the lower end of the first interval.
         long t = kxClockMs();
-        remap(j + 1, next);
-        if (j == 0 && !tables) remap(0, B[0][0]);
+        remap(j + 1, B[hi][0]);
+        if (j == 0 && !tables) remap(0, B[lo][0]);
         remapMs += kxClockMs() - t;
+        // 7b, 7c: the pyramid of the new reference, each level blended into the output as
+        // soon as it is finished. proc5's first interval has both ends at g_1.
         t = kxClockMs();
-        pyramid.laplacian(B[(j + 1) % 2], up);
-        if (j == 0) {
-            if (tables) {
-                // No reference at 0 here: the first interval's both ends are g_1.
-                for (int i = 0; i < depth; ++i)
-                    B[1][i].copyTo(B[0][i]);
-            } else {
-                pyramid.laplacian(B[0], up);
-            }
-        }
+        if (j == 0 && !tables) pyramid.build(B[lo], nullptr, nullptr, G, O);
+        Blend blend{tables ? 1.0f / step : step, !tables, j, tables ? n : n - 2};
+        blend.findRanges();
+        pyramid.build(B[hi], &blend, (j == 0 && tables) ? nullptr : &B[lo], G, O);
         buildMs += kxClockMs() - t;
-
-        // 7c: the coefficients of interval j, level by level.
-        t = kxClockMs();
-        for (int l = depth - 1; l >= 0; --l) {
-            Mat const &lo = B[j % 2][l], &hi = B[(j + 1) % 2][l];
-            Mat &g = G[l], &o = O[l];
-            parallelRows(g.rows, std::int64_t(g.rows) * g.cols, [&](int y) {
-                if (tables)
-                    blendRowInverse(g.ptr<u16>(y), lo.ptr<u16>(y), hi.ptr<u16>(y), o.ptr<u16>(y),
-                                    g.cols, inv, j);
-                else
-                    blendRowDivide(g.ptr<u16>(y), lo.ptr<u16>(y), hi.ptr<u16>(y), o.ptr<u16>(y),
-                                   g.cols, step, j, n - 2);
-            });
-        }
-        blendMs += kxClockMs() - t;
         if (!report(j + 1)) return false;
     }
     for (auto &slot : B)
         slot.clear();
+
+    // 9. collapse, 10. back to the host's contrast.
+    long const t = kxClockMs();
+    for (int l = depth - 2; l >= 0; --l)
+        pyramid.collapseLevel(O[l + 1], O[l], O[l]);
+    unscale(O[0]);
+    blendMs += kxClockMs() - t;
 
     // 8. the times, sums of processor-clock differences.
     if (!tables) {
@@ -655,15 +833,5 @@ bool LocalFilter::run(cv::Mat const &src, cv::Mat &dst, TProgress *progress, Var
                             now - buildMs);
         kxPrintTimingNumber(kxTimeReconstruct, now - blendMs);
     }
-
-    // 9, 10. collapse, then back to the host's contrast.
-    for (int l = depth - 2; l >= 0; --l) {
-        Mat u = up(cv::Rect(0, 0, O[l].cols, O[l].rows));
-        pyramid.up(O[l + 1], u, O[l].size());
-        Mat &out = (l == 0 && range == 1.0f) ? dst : O[l];
-        offsetSum(O[l], u, out, +1);
-    }
-    if (depth == 1 && range == 1.0f) O[0].copyTo(dst);
-    if (range != 1.0f) O[0].convertTo(dst, CV_16UC1, 1.0 / range, (1.0 - 1.0 / range) * 32768.0);
     return report(total);
 }
