@@ -35,6 +35,19 @@ Mat workPlane(int rows, int cols) {
                                                   : Mat(rows, cols, CV_16UC1);
 }
 
+// Rows handed out in runs of kRowRun as threads become free: the passes here are short and
+// many, and a thread held up by another process would otherwise hold up every pass.
+// Results do not depend on which thread takes which rows.
+constexpr int kRowRun = 32;
+
+template <class Body>
+void eachRow(int rows, std::int64_t work, Body &&body) {
+    parallelChunks(rows, kRowRun, work, [] { return 0; }, [&](int, int y0, int y1) {
+        for (int y = y0; y < y1; ++y)
+            body(y);
+    });
+}
+
 // rint of a non-negative float below 2^22, ties to even, in a form that vectorises.
 inline float roundEven(float v) {
     return (v + 12582912.0f) - 12582912.0f;
@@ -73,7 +86,7 @@ void halve(Mat const &src, Mat &dst) {
     // The last two columns and rows, one and the same when there is only one.
     int const c0 = std::max(cols - 2, 0), c1 = cols - 1;
     int const r0 = std::max(rows - 2, 0), r1 = rows - 1;
-    parallelRows(dst.rows, std::int64_t(rows) * cols, [&](int i) {
+    eachRow(dst.rows, std::int64_t(rows) * cols, [&](int i) {
         u16 *out = dst.ptr<u16>(i);
         if (i < innerRows) {
             u16 const *a = src.ptr<u16>(2 * i), *b = src.ptr<u16>(2 * i + 1);
@@ -140,7 +153,7 @@ void offsetSumRow(u16 const *a, u16 const *b, u16 *out, int cols, int sign) {
 
 void offsetSum(Mat const &a, Mat const &b, Mat &out, int sign) {
     if (out.data != a.data && out.data != b.data) out.create(a.size(), CV_16UC1);
-    parallelRows(a.rows, a.total(), [&](int y) {
+    eachRow(a.rows, a.total(), [&](int y) {
         offsetSumRow(a.ptr<u16>(y), b.ptr<u16>(y), out.ptr<u16>(y), a.cols, sign);
     });
 }
@@ -177,16 +190,6 @@ struct Blend {
         }
     }
 };
-
-// Whether any of w values lies in [lo, hi].
-KX_VECTOR_CLONES
-bool anyIn(u16 const *g, int w, int lo, int hi) {
-    unsigned const span = unsigned(hi - lo);
-    unsigned hit = 0;
-    for (int x = 0; x < w; ++x)
-        hit |= unsigned(unsigned(g[x] - lo) <= span);
-    return hit != 0;
-}
 
 template <bool Divide>
 KX_VECTOR_CLONES void blendRowT(u16 const *g, u16 const *lo, u16 const *hi, u16 *out, int cols,
@@ -227,40 +230,64 @@ inline void blendRow(Blend const &b, u16 const *g, u16 const *lo, u16 const *hi,
 
 constexpr int kChunk = 64;
 
-// One row of a reference's Laplacian level, out = a -+ f +- 32768 as combineRow's sign says,
-// with the blend of its output level fused in. Without a blend every value is made; with
-// one, runs of kChunk values whose G is outside the needed range are left as they are:
+// The least and greatest value of every run of kChunk values along the rows of a plane of G:
+// a run whose values all lie outside an interval's range is passed over without reading it.
+struct RunSpans {
+    int perRow = 0;
+    std::vector<u16> lo, hi;
+
+    void make(Mat const &g);
+    u16 const *rowLo(int y) const { return lo.data() + std::size_t(y) * perRow; }
+    u16 const *rowHi(int y) const { return hi.data() + std::size_t(y) * perRow; }
+};
+
+KX_VECTOR_CLONES
+void runSpan(u16 const *g, int w, u16 *lo, u16 *hi) {
+    u16 mn = 65535, mx = 0;
+    for (int x = 0; x < w; ++x) {
+        mn = g[x] < mn ? g[x] : mn;
+        mx = g[x] > mx ? g[x] : mx;
+    }
+    *lo = mn;
+    *hi = mx;
+}
+
+inline bool outside(u16 lo, u16 hi, int from, int to) {
+    return hi < from || lo > to;
+}
+
+// One row of a reference's Laplacian level, out = a -+ f +- 32768 as the sign says, with the
+// blend of its output level fused in. Without a blend every value is made; with one, runs
+// whose G lies outside the values of this interval and the next are left as they are:
 // nothing ever reads them.
 void combineRow(u16 const *a, u16 const *f, u16 *out, int cols, int sign, Blend const *b,
-                u16 const *g, u16 const *lo, u16 *o) {
+                u16 const *g, u16 const *lo, u16 *o, u16 const *runLo, u16 const *runHi) {
     if (b == nullptr) {
         offsetSumRow(a, f, out, cols, sign);
         return;
     }
-    if (b->needLo > b->needHi) return;
-    bool const blends = b->blendLo <= b->blendHi;
-    for (int x = 0; x < cols; x += kChunk) {
+    for (int x = 0, r = 0; x < cols; x += kChunk, ++r) {
+        if (outside(runLo[r], runHi[r], b->needLo, b->needHi)) continue;
         int const w = std::min(kChunk, cols - x);
-        if (!anyIn(g + x, w, b->needLo, b->needHi)) continue;
         offsetSumRow(a + x, f + x, out + x, w, sign);
-        if (blends && anyIn(g + x, w, b->blendLo, b->blendHi))
+        if (!outside(runLo[r], runHi[r], b->blendLo, b->blendHi))
             blendRow(*b, g + x, lo + x, out + x, o + x, w);
     }
 }
 
 // The top level: the blend alone, by the same runs.
-void blendOnly(Blend const &b, u16 const *g, u16 const *lo, u16 const *hi, u16 *o, int cols) {
-    if (b.blendLo > b.blendHi) return;
-    for (int x = 0; x < cols; x += kChunk) {
-        int const w = std::min(kChunk, cols - x);
-        if (anyIn(g + x, w, b.blendLo, b.blendHi)) blendRow(b, g + x, lo + x, hi + x, o + x, w);
-    }
+void blendOnly(Blend const &b, u16 const *g, u16 const *lo, u16 const *hi, u16 *o, int cols,
+               u16 const *runLo, u16 const *runHi) {
+    for (int x = 0, r = 0; x < cols; x += kChunk, ++r)
+        if (!outside(runLo[r], runHi[r], b.blendLo, b.blendHi))
+            blendRow(b, g + x, lo + x, hi + x, o + x, std::min(kChunk, cols - x));
 }
 
 // The planes one level of the blend reads and writes; lo and hi may be one plane.
 struct BlendLevel {
     Mat const *g, *lo;
     Mat *o;
+    RunSpans const *spans;
 };
 
 // ---- doubling, one output row at a time ----------------------------------------------------
@@ -331,8 +358,9 @@ private:
 void doubleCombine(Mat const &src, Mat const *a, Mat &out, int sign, Blend const *blend,
                    BlendLevel const *level) {
     int const rows = out.rows, cols = out.cols;
-    parallelBands(rows, std::int64_t(rows) * cols, [&](int y0, int y1) {
-        RowDoubler doubler(src, rows, cols);
+    parallelChunks(rows, kRowRun, std::int64_t(rows) * cols,
+                   [&] { return RowDoubler(src, rows, cols); },
+                   [&](RowDoubler &doubler, int y0, int y1) {
         for (int y = y0; y < y1; ++y) {
             u16 const *f = doubler.row(y);
             u16 *o = out.ptr<u16>(y);
@@ -342,7 +370,8 @@ void doubleCombine(Mat const &src, Mat const *a, Mat &out, int sign, Blend const
                 offsetSumRow(a->ptr<u16>(y), f, o, cols, sign);
             else
                 combineRow(a->ptr<u16>(y), f, o, cols, sign, blend, level->g->ptr<u16>(y),
-                           level->lo->ptr<u16>(y), level->o->ptr<u16>(y));
+                           level->lo->ptr<u16>(y), level->o->ptr<u16>(y),
+                           level->spans->rowLo(y), level->spans->rowHi(y));
         }
     });
 }
@@ -396,7 +425,7 @@ u16 const *rampTable() {
 }
 
 void lookup(Mat const &in, Mat &out, u16 const *table) {
-    parallelRows(in.rows, in.total(), [&](int y) {
+    eachRow(in.rows, in.total(), [&](int y) {
         u16 const *s = in.ptr<u16>(y);
         u16 *d = out.ptr<u16>(y);
         for (int x = 0; x < in.cols; ++x)
@@ -431,11 +460,12 @@ struct Pyramid {
             cv::pyrUp(next, u, a.size(), cv::BORDER_REFLECT101);
         else
             doubleSize(next, u, a.size());
-        parallelRows(a.rows, a.total(), [&](int y) {
+        eachRow(a.rows, a.total(), [&](int y) {
             bool const b = blend != nullptr;
             combineRow(a.ptr<u16>(y), u.ptr<u16>(y), out.ptr<u16>(y), a.cols, -1, blend,
                        b ? level->g->ptr<u16>(y) : nullptr, b ? level->lo->ptr<u16>(y) : nullptr,
-                       b ? level->o->ptr<u16>(y) : nullptr);
+                       b ? level->o->ptr<u16>(y) : nullptr, b ? level->spans->rowLo(y) : nullptr,
+                       b ? level->spans->rowHi(y) : nullptr);
         });
     }
 
@@ -459,25 +489,38 @@ struct Pyramid {
     // the blend of its output level fused in, with `lower` the interval's lower reference
     // (null: this pyramid is both ends).
     void build(std::vector<Mat> &levels, Blend const *blend, std::vector<Mat> const *lower,
-               std::vector<Mat> const &G, std::vector<Mat> &O) {
+               std::vector<Mat> const &G, std::vector<Mat> &O, std::vector<RunSpans> const &spans) {
         int const depth = int(levels.size());
         for (int i = 1; i < depth; ++i)
             down(levels[i - 1], levels[i]);
         for (int i = 0; i < depth; ++i) {
-            BlendLevel const level{&G[i], lower != nullptr ? &(*lower)[i] : &levels[i], &O[i]};
+            BlendLevel const level{&G[i], lower != nullptr ? &(*lower)[i] : &levels[i], &O[i],
+                                   &spans[i]};
             if (i + 1 < depth) {
                 laplacianLevel(levels[i + 1], levels[i], levels[i], blend, &level);
             } else if (blend != nullptr) {
                 Mat const &g = G[i], &lo = *level.lo, &hi = levels[i];
                 Mat &o = O[i];
-                parallelRows(g.rows, g.total(), [&](int y) {
+                eachRow(g.rows, g.total(), [&](int y) {
                     blendOnly(*blend, g.ptr<u16>(y), lo.ptr<u16>(y), hi.ptr<u16>(y), o.ptr<u16>(y),
-                              g.cols);
+                              g.cols, spans[i].rowLo(y), spans[i].rowHi(y));
                 });
             }
         }
     }
 };
+
+void RunSpans::make(Mat const &g) {
+    perRow = (g.cols + kChunk - 1) / kChunk;
+    lo.resize(std::size_t(perRow) * g.rows);
+    hi.resize(lo.size());
+    eachRow(g.rows, g.total(), [&](int y) {
+        u16 const *row = g.ptr<u16>(y);
+        u16 *l = lo.data() + std::size_t(y) * perRow, *h = hi.data() + std::size_t(y) * perRow;
+        for (int x = 0, r = 0; x < g.cols; x += kChunk, ++r)
+            runSpan(row + x, std::min(kChunk, g.cols - x), l + r, h + r);
+    });
+}
 
 }  // namespace
 
@@ -773,6 +816,9 @@ bool LocalFilter::run(cv::Mat const &src, cv::Mat &dst, TProgress *progress, Var
     for (int i = 0; i + 1 < depth; ++i)
         pyramid.laplacianLevel(G[i + 1], G[i], O[i], nullptr, nullptr);
     G[depth - 1].copyTo(O[depth - 1]);
+    std::vector<RunSpans> spans(depth);
+    for (int i = 0; i < depth; ++i)
+        spans[i].make(G[i]);
 
     // 5. two reference pyramids, reused interval after interval.
     std::vector<Mat> B[2];
@@ -807,10 +853,10 @@ bool LocalFilter::run(cv::Mat const &src, cv::Mat &dst, TProgress *progress, Var
         // 7b, 7c: the pyramid of the new reference, each level blended into the output as
         // soon as it is finished. proc5's first interval has both ends at g_1.
         t = kxClockMs();
-        if (j == 0 && !tables) pyramid.build(B[lo], nullptr, nullptr, G, O);
+        if (j == 0 && !tables) pyramid.build(B[lo], nullptr, nullptr, G, O, spans);
         Blend blend{tables ? 1.0f / step : step, !tables, j, tables ? n : n - 2};
         blend.findRanges();
-        pyramid.build(B[hi], &blend, (j == 0 && tables) ? nullptr : &B[lo], G, O);
+        pyramid.build(B[hi], &blend, (j == 0 && tables) ? nullptr : &B[lo], G, O, spans);
         buildMs += kxClockMs() - t;
         if (!report(j + 1)) return false;
     }
