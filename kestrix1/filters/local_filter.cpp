@@ -37,12 +37,22 @@ Mat workPlane(int rows, int cols) {
 
 // Rows handed out in runs of kRowRun as threads become free: the passes here are short and
 // many, and a thread held up by another process would otherwise hold up every pass.
-// Results do not depend on which thread takes which rows.
+// Results do not depend on which thread takes which rows. A filter run makes some ten passes
+// per reference; those over less than a quarter megapixel cost less than waking a team.
 constexpr int kRowRun = 32;
+
+inline std::int64_t teamWork(std::int64_t pixels) {
+    return pixels >= (1 << 18) ? pixels : 0;
+}
+
+template <class Make, class Body>
+void rowRuns(int rows, std::int64_t pixels, Make &&make, Body &&body) {
+    parallelChunks(rows, kRowRun, teamWork(pixels), make, body);
+}
 
 template <class Body>
 void eachRow(int rows, std::int64_t work, Body &&body) {
-    parallelChunks(rows, kRowRun, work, [] { return 0; }, [&](int, int y0, int y1) {
+    rowRuns(rows, work, [] { return 0; }, [&](int, int y0, int y1) {
         for (int y = y0; y < y1; ++y)
             body(y);
     });
@@ -55,17 +65,21 @@ inline float roundEven(float v) {
 
 // ---- the shift-based pyramid ---------------------------------------------------------------
 
-// One output row of spd from input rows a, b, c (a = c = b on the last row's terms).
+// (1 2 1) / 4 along an input row at its odd places, truncated.
 KX_VECTOR_CLONES
-void halveInteriorRow(u16 const *a, u16 const *b, u16 const *c, u16 *out, int inner) {
-    for (int j = 0; j < inner; ++j) {
-        unsigned const ha = (a[2 * j] + a[2 * j + 2] + 2u * a[2 * j + 1]) >> 2;
-        unsigned const hb = (b[2 * j] + b[2 * j + 2] + 2u * b[2 * j + 1]) >> 2;
-        unsigned const hc = (c[2 * j] + c[2 * j + 2] + 2u * c[2 * j + 1]) >> 2;
-        out[j] = u16((ha + hc + 2u * hb) >> 2);
-    }
+void halveAlong(u16 const *x, u16 *h, int inner) {
+    for (int j = 0; j < inner; ++j)
+        h[j] = u16((x[2 * j] + x[2 * j + 2] + 2u * x[2 * j + 1]) >> 2);
 }
 
+// (1 2 1) / 4 across three rows of halveAlong, truncated.
+KX_VECTOR_CLONES
+void halveAcross(u16 const *a, u16 const *b, u16 const *c, u16 *out, int n) {
+    for (int j = 0; j < n; ++j)
+        out[j] = u16((a[j] + c[j] + 2u * b[j]) >> 2);
+}
+
+// The last output row: two input rows, each weighted (1 2 1) / 4 with shifts, halved, added.
 KX_VECTOR_CLONES
 void halveLastRow(u16 const *p, u16 const *q, u16 *out, int inner) {
     for (int j = 0; j < inner; ++j) {
@@ -75,30 +89,74 @@ void halveLastRow(u16 const *p, u16 const *q, u16 *out, int inner) {
     }
 }
 
-inline unsigned pairShift(u16 const *row, int c0, int c1, int shift) {
-    return ((row[c0] >> 1) + (row[c1] >> 1)) >> shift;
+void lookupRow(u16 const *in, u16 *out, int cols, u16 const *table) {
+    for (int x = 0; x < cols; ++x)
+        out[x] = table[in[x]];
 }
 
-void halve(Mat const &src, Mat &dst) {
+// Rows of one thread's share of a halving: input rows (through the table when there is one)
+// and their halveAlong rows, three kept, each with its last two values' shifted mean at the
+// end, so that a row shared by two output rows is filtered once.
+class RowHalver {
+public:
+    RowHalver(Mat const &src, u16 const *table)
+        : src_(src),
+          table_(table),
+          inner_((src.cols - 1) / 2),
+          along_(std::size_t(inner_ + 1) * 3),
+          raw_(table != nullptr ? std::size_t(src.cols) * 2 : 0) {}
+
+    // Input row r, mapped; `which` (0 or 1) picks the buffer when two are needed at once.
+    u16 const *input(int r, int which) {
+        if (table_ == nullptr) return src_.ptr<u16>(r);
+        u16 *out = raw_.data() + std::size_t(which) * src_.cols;
+        lookupRow(src_.ptr<u16>(r), out, src_.cols, table_);
+        return out;
+    }
+    u16 const *along(int r) {
+        u16 *h = along_.data() + std::size_t(r % 3) * (inner_ + 1);
+        if (tags_[r % 3] != r) {
+            u16 const *x = input(r, 0);
+            int const c0 = std::max(src_.cols - 2, 0), c1 = src_.cols - 1;
+            halveAlong(x, h, inner_);
+            h[inner_] = u16((x[c0] >> 1) + (x[c1] >> 1));
+            tags_[r % 3] = r;
+        }
+        return h;
+    }
+
+private:
+    Mat const &src_;
+    u16 const *table_;
+    int inner_;
+    std::vector<u16> along_, raw_;
+    int tags_[3] = {-1, -1, -1};
+};
+
+// spd of src, or of table[src] when a table is given.
+void halve(Mat const &src, Mat &dst, u16 const *table = nullptr) {
     int const rows = src.rows, cols = src.cols;
     int const innerRows = (rows - 1) / 2, innerCols = (cols - 1) / 2;
     dst.create((rows + 1) / 2, (cols + 1) / 2, CV_16UC1);
     // The last two columns and rows, one and the same when there is only one.
     int const c0 = std::max(cols - 2, 0), c1 = cols - 1;
     int const r0 = std::max(rows - 2, 0), r1 = rows - 1;
-    eachRow(dst.rows, std::int64_t(rows) * cols, [&](int i) {
-        u16 *out = dst.ptr<u16>(i);
-        if (i < innerRows) {
-            u16 const *a = src.ptr<u16>(2 * i), *b = src.ptr<u16>(2 * i + 1);
-            u16 const *c = src.ptr<u16>(2 * i + 2);
-            halveInteriorRow(a, b, c, out, innerCols);
-            out[innerCols] =
-                u16(pairShift(a, c0, c1, 2) + pairShift(b, c0, c1, 1) + pairShift(c, c0, c1, 2));
-        } else {
-            u16 const *p = src.ptr<u16>(r0), *q = src.ptr<u16>(r1);
-            halveLastRow(p, q, out, innerCols);
-            double const mean = (double(p[c0]) + p[c1] + q[c0] + q[c1]) / 4.0;
-            out[innerCols] = u16(mean);
+    rowRuns(dst.rows, std::int64_t(rows) * cols,
+                   [&] { return RowHalver(src, table); },
+                   [&](RowHalver &rows2, int i0, int i1) {
+        for (int i = i0; i < i1; ++i) {
+            u16 *out = dst.ptr<u16>(i);
+            if (i < innerRows) {
+                u16 const *a = rows2.along(2 * i), *b = rows2.along(2 * i + 1);
+                u16 const *c = rows2.along(2 * i + 2);
+                halveAcross(a, b, c, out, innerCols);
+                out[innerCols] = u16((a[innerCols] >> 2) + (b[innerCols] >> 1) + (c[innerCols] >> 2));
+            } else {
+                u16 const *p = rows2.input(r0, 0), *q = rows2.input(r1, 1);
+                halveLastRow(p, q, out, innerCols);
+                double const mean = (double(p[c0]) + p[c1] + q[c0] + q[c1]) / 4.0;
+                out[innerCols] = u16(mean);
+            }
         }
     });
 }
@@ -260,17 +318,25 @@ inline bool outside(u16 lo, u16 hi, int from, int to) {
 // blend of its output level fused in. Without a blend every value is made; with one, runs
 // whose G lies outside the values of this interval and the next are left as they are:
 // nothing ever reads them.
-void combineRow(u16 const *a, u16 const *f, u16 *out, int cols, int sign, Blend const *b,
-                u16 const *g, u16 const *lo, u16 *o, u16 const *runLo, u16 const *runHi) {
-    if (b == nullptr) {
+// With a table, a's values are first mapped through it.
+void combineRow(u16 const *a, u16 const *table, u16 const *f, u16 *out, int cols, int sign,
+                Blend const *b, u16 const *g, u16 const *lo, u16 *o, u16 const *runLo,
+                u16 const *runHi) {
+    if (b == nullptr && table == nullptr) {
         offsetSumRow(a, f, out, cols, sign);
         return;
     }
+    u16 mapped[kChunk];
     for (int x = 0, r = 0; x < cols; x += kChunk, ++r) {
-        if (outside(runLo[r], runHi[r], b->needLo, b->needHi)) continue;
+        if (b != nullptr && outside(runLo[r], runHi[r], b->needLo, b->needHi)) continue;
         int const w = std::min(kChunk, cols - x);
-        offsetSumRow(a + x, f + x, out + x, w, sign);
-        if (!outside(runLo[r], runHi[r], b->blendLo, b->blendHi))
+        u16 const *ax = a + x;
+        if (table != nullptr) {
+            lookupRow(ax, mapped, w, table);
+            ax = mapped;
+        }
+        offsetSumRow(ax, f + x, out + x, w, sign);
+        if (b != nullptr && !outside(runLo[r], runHi[r], b->blendLo, b->blendHi))
             blendRow(*b, g + x, lo + x, out + x, o + x, w);
     }
 }
@@ -356,9 +422,9 @@ private:
 // for the sizes RowDoubler takes; out may be a. With `blend`, each finished row of out is
 // then blended into the output level as the upper reference.
 void doubleCombine(Mat const &src, Mat const *a, Mat &out, int sign, Blend const *blend,
-                   BlendLevel const *level) {
+                   BlendLevel const *level, u16 const *table = nullptr) {
     int const rows = out.rows, cols = out.cols;
-    parallelChunks(rows, kRowRun, std::int64_t(rows) * cols,
+    rowRuns(rows, std::int64_t(rows) * cols,
                    [&] { return RowDoubler(src, rows, cols); },
                    [&](RowDoubler &doubler, int y0, int y1) {
         for (int y = y0; y < y1; ++y) {
@@ -367,9 +433,10 @@ void doubleCombine(Mat const &src, Mat const *a, Mat &out, int sign, Blend const
             if (sign == 0)
                 std::memcpy(o, f, cols * sizeof(u16));
             else if (blend == nullptr)
-                offsetSumRow(a->ptr<u16>(y), f, o, cols, sign);
+                combineRow(a->ptr<u16>(y), table, f, o, cols, sign, nullptr, nullptr, nullptr,
+                           nullptr, nullptr, nullptr);
             else
-                combineRow(a->ptr<u16>(y), f, o, cols, sign, blend, level->g->ptr<u16>(y),
+                combineRow(a->ptr<u16>(y), table, f, o, cols, sign, blend, level->g->ptr<u16>(y),
                            level->lo->ptr<u16>(y), level->o->ptr<u16>(y),
                            level->spans->rowLo(y), level->spans->rowHi(y));
         }
@@ -448,11 +515,12 @@ struct Pyramid {
     }
 
     // out = a - up(next) + 32768; then, with blend, level blended with out as upper end.
+    // With a table (the shift-based pyramid only), a is the plane before the remap.
     void laplacianLevel(Mat const &next, Mat const &a, Mat &out, Blend const *blend,
-                        BlendLevel const *level) {
+                        BlendLevel const *level, u16 const *table = nullptr) {
         if (out.data != a.data) out.create(a.size(), CV_16UC1);
         if (!opencv && a.rows >= 4 && a.cols >= 3) {
-            doubleCombine(next, &a, out, -1, blend, level);
+            doubleCombine(next, &a, out, -1, blend, level, table);
             return;
         }
         Mat u = scratch(cv::Rect(0, 0, a.cols, a.rows));
@@ -462,7 +530,7 @@ struct Pyramid {
             doubleSize(next, u, a.size());
         eachRow(a.rows, a.total(), [&](int y) {
             bool const b = blend != nullptr;
-            combineRow(a.ptr<u16>(y), u.ptr<u16>(y), out.ptr<u16>(y), a.cols, -1, blend,
+            combineRow(a.ptr<u16>(y), table, u.ptr<u16>(y), out.ptr<u16>(y), a.cols, -1, blend,
                        b ? level->g->ptr<u16>(y) : nullptr, b ? level->lo->ptr<u16>(y) : nullptr,
                        b ? level->o->ptr<u16>(y) : nullptr, b ? level->spans->rowLo(y) : nullptr,
                        b ? level->spans->rowHi(y) : nullptr);
@@ -488,15 +556,24 @@ struct Pyramid {
     // 0..depth-2 its Laplacian ones in place, the top staying Gaussian. Each level can have
     // the blend of its output level fused in, with `lower` the interval's lower reference
     // (null: this pyramid is both ends).
+    // With a table, levels[0] is only storage: the reference is table[G[0]], remapped as it
+    // is read.
     void build(std::vector<Mat> &levels, Blend const *blend, std::vector<Mat> const *lower,
-               std::vector<Mat> const &G, std::vector<Mat> &O, std::vector<RunSpans> const &spans) {
+               std::vector<Mat> const &G, std::vector<Mat> &O, std::vector<RunSpans> const &spans,
+               u16 const *table) {
         int const depth = int(levels.size());
-        for (int i = 1; i < depth; ++i)
-            down(levels[i - 1], levels[i]);
+        for (int i = 1; i < depth; ++i) {
+            if (i == 1 && table != nullptr)
+                halve(G[0], levels[1], table);
+            else
+                down(levels[i - 1], levels[i]);
+        }
         for (int i = 0; i < depth; ++i) {
             BlendLevel const level{&G[i], lower != nullptr ? &(*lower)[i] : &levels[i], &O[i],
                                    &spans[i]};
-            if (i + 1 < depth) {
+            if (i == 0 && table != nullptr && depth > 1) {
+                laplacianLevel(levels[1], G[0], levels[0], blend, &level, table);
+            } else if (i + 1 < depth) {
                 laplacianLevel(levels[i + 1], levels[i], levels[i], blend, &level);
             } else if (blend != nullptr) {
                 Mat const &g = G[i], &lo = *level.lo, &hi = levels[i];
@@ -830,33 +907,39 @@ bool LocalFilter::run(cv::Mat const &src, cv::Mat &dst, TProgress *progress, Var
     if (!report(1)) return false;
 
     float const step = range * 65535.0f / float(n);
-    std::vector<u16> remapTable(tables ? 0 : kTableUsed);
     long remapMs = 0, buildMs = 0, blendMs = 0;
-    // The remap for reference `level`: a row of levelLuts, or the same values worked out for
-    // this call from remapLut, so that 24 megapixels take one lookup each.
-    auto remap = [&](int level, Mat &out) {
-        u16 const *table = levelLuts + (std::size_t(level - 1) << 16);
-        if (!tables) {
-            table = remapTable.data();
-            remapRow(rampTable(), remapTable.data(), kTableUsed, remapLut, float(level) * step);
-        }
-        lookup(dst, out, table);
+    // The remap for reference `level` as a table over all values: a row of levelLuts, or the
+    // same values worked out for this call from remapLut. The shift-based pyramids read the
+    // image through it as they halve it; OpenCV's need the remapped plane.
+    std::vector<u16> remapTables[2];
+    auto tableFor = [&](int level, int slot) -> u16 const * {
+        if (tables) return levelLuts + (std::size_t(level - 1) << 16);
+        remapTables[slot].resize(kTableUsed);
+        remapRow(rampTable(), remapTables[slot].data(), kTableUsed, remapLut, float(level) * step);
+        return remapTables[slot].data();
     };
+    bool const fused = simple && depth > 1 && std::min(rows, cols) >= 4;
 
     for (int j = 0; j + 1 < n; ++j) {
         int const hi = (j + 1) % 2, lo = j % 2;
         // 7a: the reference g_{j+1}, and at j = 0 the lower end of the first interval.
         long t = kxClockMs();
-        remap(j + 1, B[hi][0]);
-        if (j == 0 && !tables) remap(0, B[lo][0]);
+        u16 const *tableHi = tableFor(j + 1, hi);
+        u16 const *tableLo = (j == 0 && !tables) ? tableFor(0, lo) : nullptr;
+        if (!fused) {
+            lookup(dst, B[hi][0], tableHi);
+            if (tableLo != nullptr) lookup(dst, B[lo][0], tableLo);
+        }
         remapMs += kxClockMs() - t;
         // 7b, 7c: the pyramid of the new reference, each level blended into the output as
         // soon as it is finished. proc5's first interval has both ends at g_1.
         t = kxClockMs();
-        if (j == 0 && !tables) pyramid.build(B[lo], nullptr, nullptr, G, O, spans);
+        if (tableLo != nullptr)
+            pyramid.build(B[lo], nullptr, nullptr, G, O, spans, fused ? tableLo : nullptr);
         Blend blend{tables ? 1.0f / step : step, !tables, j, tables ? n : n - 2};
         blend.findRanges();
-        pyramid.build(B[hi], &blend, (j == 0 && tables) ? nullptr : &B[lo], G, O, spans);
+        pyramid.build(B[hi], &blend, (j == 0 && tables) ? nullptr : &B[lo], G, O, spans,
+                      fused ? tableHi : nullptr);
         buildMs += kxClockMs() - t;
         if (!report(j + 1)) return false;
     }
