@@ -52,10 +52,12 @@ void rowRuns(int rows, std::int64_t pixels, Make &&make, Body &&body) {
 
 template <class Body>
 void eachRow(int rows, std::int64_t work, Body &&body) {
-    rowRuns(rows, work, [] { return 0; }, [&](int, int y0, int y1) {
-        for (int y = y0; y < y1; ++y)
-            body(y);
-    });
+    rowRuns(
+        rows, work, [] { return 0; },
+        [&](int, int y0, int y1) {
+            for (int y = y0; y < y1; ++y)
+                body(y);
+        });
 }
 
 // rint of a non-negative float below 2^22, ties to even, in a form that vectorises.
@@ -141,24 +143,25 @@ void halve(Mat const &src, Mat &dst, u16 const *table = nullptr) {
     // The last two columns and rows, one and the same when there is only one.
     int const c0 = std::max(cols - 2, 0), c1 = cols - 1;
     int const r0 = std::max(rows - 2, 0), r1 = rows - 1;
-    rowRuns(dst.rows, std::int64_t(rows) * cols,
-                   [&] { return RowHalver(src, table); },
-                   [&](RowHalver &rows2, int i0, int i1) {
-        for (int i = i0; i < i1; ++i) {
-            u16 *out = dst.ptr<u16>(i);
-            if (i < innerRows) {
-                u16 const *a = rows2.along(2 * i), *b = rows2.along(2 * i + 1);
-                u16 const *c = rows2.along(2 * i + 2);
-                halveAcross(a, b, c, out, innerCols);
-                out[innerCols] = u16((a[innerCols] >> 2) + (b[innerCols] >> 1) + (c[innerCols] >> 2));
-            } else {
-                u16 const *p = rows2.input(r0, 0), *q = rows2.input(r1, 1);
-                halveLastRow(p, q, out, innerCols);
-                double const mean = (double(p[c0]) + p[c1] + q[c0] + q[c1]) / 4.0;
-                out[innerCols] = u16(mean);
+    rowRuns(
+        dst.rows, std::int64_t(rows) * cols, [&] { return RowHalver(src, table); },
+        [&](RowHalver &rows2, int i0, int i1) {
+            for (int i = i0; i < i1; ++i) {
+                u16 *out = dst.ptr<u16>(i);
+                if (i < innerRows) {
+                    u16 const *a = rows2.along(2 * i), *b = rows2.along(2 * i + 1);
+                    u16 const *c = rows2.along(2 * i + 2);
+                    halveAcross(a, b, c, out, innerCols);
+                    out[innerCols] =
+                        u16((a[innerCols] >> 2) + (b[innerCols] >> 1) + (c[innerCols] >> 2));
+                } else {
+                    u16 const *p = rows2.input(r0, 0), *q = rows2.input(r1, 1);
+                    halveLastRow(p, q, out, innerCols);
+                    double const mean = (double(p[c0]) + p[c1] + q[c0] + q[c1]) / 4.0;
+                    out[innerCols] = u16(mean);
+                }
             }
-        }
-    });
+        });
 }
 
 // Step 1 of the doubling: source row p into output row q of `cols` >= 3 values. Sample k
@@ -267,8 +270,8 @@ KX_VECTOR_CLONES void blendRowT(u16 const *g, u16 const *lo, u16 const *hi, u16 
 }
 
 KX_VECTOR_CLONES
-void blendDivide(u16 const *g, u16 const *lo, u16 const *hi, u16 *out, int cols, float scale,
-                 int j, int top) {
+void blendDivide(u16 const *g, u16 const *lo, u16 const *hi, u16 *out, int cols, float scale, int j,
+                 int top) {
     blendRowT<true>(g, lo, hi, out, cols, scale, j, top);
 }
 
@@ -424,23 +427,23 @@ private:
 void doubleCombine(Mat const &src, Mat const *a, Mat &out, int sign, Blend const *blend,
                    BlendLevel const *level, u16 const *table = nullptr) {
     int const rows = out.rows, cols = out.cols;
-    rowRuns(rows, std::int64_t(rows) * cols,
-                   [&] { return RowDoubler(src, rows, cols); },
-                   [&](RowDoubler &doubler, int y0, int y1) {
-        for (int y = y0; y < y1; ++y) {
-            u16 const *f = doubler.row(y);
-            u16 *o = out.ptr<u16>(y);
-            if (sign == 0)
-                std::memcpy(o, f, cols * sizeof(u16));
-            else if (blend == nullptr)
-                combineRow(a->ptr<u16>(y), table, f, o, cols, sign, nullptr, nullptr, nullptr,
-                           nullptr, nullptr, nullptr);
-            else
-                combineRow(a->ptr<u16>(y), table, f, o, cols, sign, blend, level->g->ptr<u16>(y),
-                           level->lo->ptr<u16>(y), level->o->ptr<u16>(y),
-                           level->spans->rowLo(y), level->spans->rowHi(y));
-        }
-    });
+    rowRuns(
+        rows, std::int64_t(rows) * cols, [&] { return RowDoubler(src, rows, cols); },
+        [&](RowDoubler &doubler, int y0, int y1) {
+            for (int y = y0; y < y1; ++y) {
+                u16 const *f = doubler.row(y);
+                u16 *o = out.ptr<u16>(y);
+                if (sign == 0)
+                    std::memcpy(o, f, cols * sizeof(u16));
+                else if (blend == nullptr)
+                    combineRow(a->ptr<u16>(y), table, f, o, cols, sign, nullptr, nullptr, nullptr,
+                               nullptr, nullptr, nullptr);
+                else
+                    combineRow(a->ptr<u16>(y), table, f, o, cols, sign, blend,
+                               level->g->ptr<u16>(y), level->lo->ptr<u16>(y), level->o->ptr<u16>(y),
+                               level->spans->rowLo(y), level->spans->rowHi(y));
+            }
+        });
 }
 
 void doubleSize(Mat const &src, Mat &dst, cv::Size size) {
@@ -450,8 +453,7 @@ void doubleSize(Mat const &src, Mat &dst, cv::Size size) {
     }
     int const rows = std::max(size.height, 4), cols = std::max(size.width, 3);
     int const needRows = (rows + 1) / 2, needCols = (cols + 1) / 2;
-    if (rows == size.height && cols == size.width && src.rows >= needRows &&
-        src.cols >= needCols) {
+    if (rows == size.height && cols == size.width && src.rows >= needRows && src.cols >= needCols) {
         Mat out = dst.data == src.data ? Mat(size, CV_16UC1) : (dst.create(size, CV_16UC1), dst);
         doubleCombine(src, nullptr, out, 0, nullptr, nullptr);
         dst = out;
@@ -461,8 +463,8 @@ void doubleSize(Mat const &src, Mat &dst, cv::Size size) {
     // output of the least size, and keep the corner asked for.
     int const haveRows = std::min(src.rows, needRows), haveCols = std::min(src.cols, needCols);
     Mat extended;
-    cv::copyMakeBorder(src(cv::Rect(0, 0, haveCols, haveRows)), extended, 0,
-                       needRows - haveRows, 0, needCols - haveCols, cv::BORDER_REPLICATE);
+    cv::copyMakeBorder(src(cv::Rect(0, 0, haveCols, haveRows)), extended, 0, needRows - haveRows, 0,
+                       needCols - haveCols, cv::BORDER_REPLICATE);
     Mat whole(rows, cols, CV_16UC1);
     doubleCombine(extended, nullptr, whole, 0, nullptr, nullptr);
     whole(cv::Rect(0, 0, size.width, size.height)).copyTo(dst);
@@ -662,8 +664,8 @@ void LocalFilter::applyPairs(int const *levels, int const *values, int count) {
     for (int k = 0; k + 1 < count; ++k) {
         std::int64_t const l0 = levels[k], l1 = levels[k + 1];
         std::int64_t const v0 = values[k], dv = std::int64_t(values[k + 1]) - v0;
-        for (std::int64_t i = std::max<std::int64_t>(l0, 0); i < std::min<std::int64_t>(l1, kTableUsed);
-             ++i)
+        for (std::int64_t i = std::max<std::int64_t>(l0, 0);
+             i < std::min<std::int64_t>(l1, kTableUsed); ++i)
             remapLut[i] = u16(std::clamp<std::int64_t>(v0 + (i - l0) * dv / (l1 - l0), 0, 65535));
     }
 }
@@ -957,9 +959,9 @@ bool LocalFilter::run(cv::Mat const &src, cv::Mat &dst, TProgress *progress, Var
     if (!tables) {
         long const now = kxClockMs();
         kxPrintTimingNumber(kxTimeRemap, now - remapMs);
-        kxPrintTimingNumber(variant == Variant::cvPyramid ? kxTimeBuildPyramidCv
-                                                          : kxTimeBuildPyramidSimple,
-                            now - buildMs);
+        kxPrintTimingNumber(
+            variant == Variant::cvPyramid ? kxTimeBuildPyramidCv : kxTimeBuildPyramidSimple,
+            now - buildMs);
         kxPrintTimingNumber(kxTimeReconstruct, now - blendMs);
     }
     return report(total);

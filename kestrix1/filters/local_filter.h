@@ -16,6 +16,10 @@
 // - remapLut and levelLuts are owned: copies are deep, so two objects never free one table.
 // - The parameter form of setup leaves no entry of the table to an earlier setup: entry 1,
 //   which its mirrored loop skips, takes entry 2's value before entry 0 takes entry 1's.
+// - A proc holds the input's Gaussian pyramid, the output pyramid and two reference pyramids
+//   (about four pyramids, 250 MiB at 24 megapixels); each reference level is blended into
+//   the output as soon as it is made, and only where the input's values need it. The results
+//   are those of building every pyramid whole, at any number of threads.
 #pragma once
 
 #include <cstdint>
@@ -101,7 +105,9 @@ public:
     // leaves dst alone. Throws "ERROR - LocalFilter::proc - src.type()!=CV_16UC1" otherwise.
     // proc3 and proc4 blend with k = min((int)(G / step), n - 2), frac = G / step - k, which
     // extrapolates in the top interval, and print three timing lines (seconds of processor
-    // time): remaps, reference pyramids ("cv" or "simple" method) and blends.
+    // time, all threads): "time to remap: " (the remap tables, and proc3's remapped planes),
+    // "time to build pyramid using cv method: " or "... simple method: " (the reference
+    // pyramids with the blends fused into them) and "time to reconstruct: " (the collapse).
     bool proc3(cv::Mat const &src, cv::Mat &dst, TProgress *progress);
     bool proc4(cv::Mat const &src, cv::Mat &dst, TProgress *progress);
     // As proc4 with ssubstract and sadd, the remap read from levelLuts (built first if they do

@@ -22,7 +22,9 @@ namespace {
 using cv::Mat;
 using u16 = std::uint16_t;
 
-int sat(double v) { return int(std::clamp(v, 0.0, 65535.0)); }
+int sat(double v) {
+    return int(std::clamp(v, 0.0, 65535.0));
+}
 
 // Output (i, j) at input (2i+1, 2j+1); (1 2 1)/4 rows then across; the last row, column
 // and corner from the last two input rows and columns.
@@ -148,7 +150,8 @@ Mat filterRef(Mat const &src, LocalFilter const &f, Down const &down, Up const &
                 float const fv = tables ? G[l].at<u16>(i) * inv : G[l].at<u16>(i) / step;
                 int const k = tables ? int(fv) : std::min(int(fv), n - 2);
                 float const fr = fv - float(k);
-                float const v = float(hi[l].at<u16>(i)) * fr + float(lo[l].at<u16>(i)) * (1.0f - fr);
+                float const v =
+                    float(hi[l].at<u16>(i)) * fr + float(lo[l].at<u16>(i)) * (1.0f - fr);
                 if (k == j) O[l].at<u16>(i) = u16(sat(int(v)));
             }
     }
@@ -176,7 +179,7 @@ bool equal(Mat const &a, Mat const &b) {
 
 TEST(LocalFilter, HalvingDoublingAndSumsMatchPlainSteps) {
     LocalFilter f;
-    int const sizes[][2] = {{4, 4}, {5, 5}, {4, 7}, {7, 4}, {6, 5}, {5, 33}, {33, 5},
+    int const sizes[][2] = {{4, 4}, {5, 5},   {4, 7},   {7, 4}, {6, 5}, {5, 33}, {33, 5},
                             {9, 8}, {37, 29}, {64, 48}, {2, 9}, {1, 7}, {3, 1}};
     for (auto const &s : sizes) {
         SCOPED_TRACE(std::to_string(s[0]) + "x" + std::to_string(s[1]));
@@ -188,19 +191,14 @@ TEST(LocalFilter, HalvingDoublingAndSumsMatchPlainSteps) {
         Mat up;
         f.spu(down, up, in.size());
         EXPECT_TRUE(equal(up, doubleRef(down, in.size())));  // odd sizes come back whole
-        Mat sum, diff, a = in.clone(), b = up.clone();
-        f.sadd(a, b, sum);
-        f.ssubstract(a, b, diff);
-        EXPECT_TRUE(equal(sum, offsetSumRef(in, up, +1)));
-        EXPECT_TRUE(equal(diff, offsetSumRef(in, up, -1)));
+        Mat sum, diff, a = in.clone();
+        EXPECT_TRUE(f.sadd(a, up, sum) && equal(sum, offsetSumRef(in, up, +1)));
+        EXPECT_TRUE(f.ssubstract(a, up, diff) && equal(diff, offsetSumRef(in, up, -1)));
     }
     // Tiny outputs are corners of the least doubling, never out of bounds.
     Mat one(1, 1, CV_16UC1, cv::Scalar(1000)), two(2, 2, CV_16UC1, cv::Scalar(50000)), out;
-    for (cv::Size s : {cv::Size(1, 1), cv::Size(2, 2), cv::Size(3, 3), cv::Size(9, 1)}) {
-        f.spu(one, out, s);
-        EXPECT_EQ(out.size(), s);
-        EXPECT_TRUE(equal(out, Mat(s, CV_16UC1, cv::Scalar(1000))));  // flat stays flat
-    }
+    for (cv::Size s : {cv::Size(1, 1), cv::Size(2, 2), cv::Size(3, 3), cv::Size(9, 1)})
+        EXPECT_TRUE(f.spu(one, out, s) && equal(out, Mat(s, CV_16UC1, cv::Scalar(1000))));
     f.spu(two, out, cv::Size(7, 9));  // a short source is extended by its last row and column
     EXPECT_TRUE(equal(out, Mat(9, 7, CV_16UC1, cv::Scalar(50000))));
 }
@@ -211,8 +209,8 @@ struct ProcCase {
     bool cv, tables;
 };
 ProcCase const kRuns[] = {{"proc3", &LocalFilter::proc3, true, false},
-                     {"proc4", &LocalFilter::proc4, false, false},
-                     {"proc5", &LocalFilter::proc5, false, true}};
+                          {"proc4", &LocalFilter::proc4, false, false},
+                          {"proc5", &LocalFilter::proc5, false, true}};
 
 TEST(LocalFilter, ProcsMatchPlainReferenceAtAnyThreadCount) {
     LocalFilter f(4, 8);
@@ -235,11 +233,12 @@ TEST(LocalFilter, ProcsMatchPlainReferenceAtAnyThreadCount) {
             EXPECT_TRUE((f.*run.proc)(src, out, nullptr));
             testing::internal::GetCapturedStdout();
             EXPECT_EQ(f.pyrLevels, c.rows < 32 || c.cols < 32 ? 4 : 5);
-            Mat const want = filterRef(src, f, run.cv ? cvDown : down, run.cv ? cvUp : up, run.tables);
-            EXPECT_TRUE(equal(out, want));
+            EXPECT_TRUE(equal(
+                out, filterRef(src, f, run.cv ? cvDown : down, run.cv ? cvUp : up, run.tables)));
         }
     // Threads: large enough planes to be split, results identical at 1, 2 and 4 threads.
-    Mat const src = kxtest::fullRangeNoise<u16>(520, 509, 1, 3) / 3 + kxtest::ramp(520, 509, CV_16UC1);
+    Mat const src =
+        kxtest::fullRangeNoise<u16>(520, 509, 1, 3) / 3 + kxtest::ramp(520, 509, CV_16UC1);
     f.setup(0.4f, 4, 4);
     f.setupLUT(4);
     int const threads = omp_get_max_threads();
@@ -272,22 +271,16 @@ TEST(LocalFilter, CancelPrintsAndSmallInputs) {
         Mat out;
         testing::internal::CaptureStdout();
         EXPECT_FALSE((f.*run.proc)(src, out, &cancel)) << run.name;  // cancelled in interval 0
-        std::string const printed = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
         EXPECT_TRUE(equal(out, scaled)) << run.name;
-        EXPECT_EQ(printed, "");
 
         testing::internal::CaptureStdout();
         EXPECT_TRUE((f.*run.proc)(src, out, nullptr));
         std::string const lines = testing::internal::GetCapturedStdout();
-        std::string const method = run.cv ? "cv" : "simple";
-        char const *pattern = run.tables
-                                  ? "^$"
-                                  : "^time to remap: [0-9.e-]+\ntime to build pyramid using (cv|simple) "
-                                    "method: [0-9.e-]+\ntime to reconstruct: [0-9.e-]+\n$";
-        EXPECT_TRUE(testing::internal::RE::FullMatch(lines, pattern)) << lines;
-        if (!run.tables) {
-            EXPECT_NE(lines.find("using " + method + " method"), std::string::npos);
-        }
+        std::string const pattern =
+            std::string("^time to remap: [0-9.e-]+\ntime to build pyramid using ") +
+            (run.cv ? "cv" : "simple") + " method: [0-9.e-]+\ntime to reconstruct: [0-9.e-]+\n$";
+        EXPECT_TRUE(testing::internal::RE::FullMatch(lines, run.tables ? "^$" : pattern.c_str()));
 
         // Empty input leaves dst alone; a side of one pixel has no pyramid; 2x2 and 3x3 run.
         Mat keep(2, 2, CV_16UC1, cv::Scalar(9)), empty;
@@ -300,15 +293,11 @@ TEST(LocalFilter, CancelPrintsAndSmallInputs) {
             EXPECT_TRUE((f.*run.proc)(in, out, nullptr));
             testing::internal::GetCapturedStdout();
             EXPECT_EQ(out.size(), s);
-            if (s.height == 1 || s.width == 1) {
-                EXPECT_LE(cv::norm(out, in, cv::NORM_INF), 1);
-            }
+            EXPECT_TRUE(std::min(s.height, s.width) > 1 || cv::norm(out, in, cv::NORM_INF) <= 1);
         }
     }
-    EXPECT_EQ(kxtest::thrown([&] {
-                  Mat out;
-                  f.proc4(Mat(4, 4, CV_8UC1), out, nullptr);
-              }),
+    Mat out;
+    EXPECT_EQ(kxtest::thrown([&] { f.proc4(Mat(4, 4, CV_8UC1), out, nullptr); }),
               "ERROR - LocalFilter::proc - src.type()!=CV_16UC1");
 }
 
@@ -319,8 +308,9 @@ std::vector<int> pairsRef(std::vector<std::pair<int, int>> const &p) {
         t[i] = i;
     for (std::size_t k = 0; k + 1 < p.size(); ++k)
         for (int i = std::max(p[k].first, 0); i < std::min(p[k + 1].first, 65536); ++i)
-            t[i] = sat(p[k].second + std::int64_t(i - p[k].first) * (p[k + 1].second - p[k].second) /
-                                         (p[k + 1].first - p[k].first));
+            t[i] =
+                sat(p[k].second + std::int64_t(i - p[k].first) * (p[k + 1].second - p[k].second) /
+                                      (p[k + 1].first - p[k].first));
     return t;
 }
 
@@ -330,8 +320,13 @@ std::vector<int> tableOf(LocalFilter const &f) {
 
 std::vector<int> triangle(int r, int s) {
     int const h = r / 2;
-    return pairsRef({{0, 32768}, {32768 - r, 32768}, {32768 - h, 32768 - s / 2}, {32768, 32768},
-                     {32768 + h, 32768 + s / 2}, {32768 + r, 32768}, {65535, 32768}});
+    return pairsRef({{0, 32768},
+                     {32768 - r, 32768},
+                     {32768 - h, 32768 - s / 2},
+                     {32768, 32768},
+                     {32768 + h, 32768 + s / 2},
+                     {32768 + r, 32768},
+                     {65535, 32768}});
 }
 
 std::vector<std::string> traced;
@@ -339,7 +334,6 @@ std::vector<std::string> traced;
 TEST(LocalFilter, RemapTables) {
     LocalFilter f(3, 5);
     EXPECT_EQ(tableOf(f), triangle(8, 8));
-    EXPECT_EQ(f.remapLut[32772], 32772);
     EXPECT_EQ(f.remapLut[65535], 65535);  // the last interval is open at its end
     f.setup(0.1f);
     EXPECT_EQ(f.remapLevels, 64);
@@ -383,7 +377,8 @@ TEST(LocalFilter, RemapTables) {
     EXPECT_EQ(f.remapLevels, 8);
     for (int j : {1, 7})  // level tables: row j - 1 is the remap for reference j step
         for (int x : {0, 12345, 40000, 65535})
-            EXPECT_EQ(f.levelLuts[(j - 1) * 65536 + x], remapRef(f.remapLut, x, j * (65535.0f / 8)));
+            EXPECT_EQ(f.levelLuts[(j - 1) * 65536 + x],
+                      remapRef(f.remapLut, x, j * (65535.0f / 8)));
 
     // Four parameters: n from the first one, and the knots on the trace.
     Kestrix::setQDebugFunc([](char const *text) { traced.emplace_back(text); });
@@ -394,10 +389,9 @@ TEST(LocalFilter, RemapTables) {
     EXPECT_EQ(f.remapLevels, 63);
     Kestrix::setQDebugFunc(nullptr);
     ASSERT_EQ(traced.size(), 2u);
-    std::string const tail =
-        " - 231 - LocalFilter::setup : cp: 32768,32768; 34406,36044; 36044,36454; 39321,30801; "
-        "45875,35389; 65536,55642;  - ";
-    EXPECT_EQ(traced[1].substr(9), tail);
+    EXPECT_EQ(traced[1].substr(9),
+              " - 231 - LocalFilter::setup : cp: 32768,32768; 34406,36044; 36044,36454; "
+              "39321,30801; 45875,35389; 65536,55642;  - ");
     EXPECT_EQ(traced[0].substr(9),
               " - 231 - LocalFilter::setup : cp: 32768,32768; 34406,32768; 36044,32768; "
               "39321,32768; 45875,32768; 65536,65535;  - ");
