@@ -13,7 +13,7 @@
 // cv::setNumThreads the pool's idle workers keep yielding the cores, and every OpenMP team
 // of the process then waits on them.
 //
-// LocalFilter_PeakMemory runs proc5 once and reports the peak resident memory it adds
+// LocalFilter_PeakMemory runs proc5 or proc3 once and reports the peak resident memory it adds
 // (from the kernel's high-water mark, reset just before the call) beside the bound of three
 // full pyramids plus two work pyramids of 16-bit samples.
 #include <omp.h>
@@ -110,7 +110,8 @@ long statusKb(char const *key) {
     return -1;
 }
 
-void peakMemory(benchmark::State &state) {
+void peakMemory(benchmark::State &state,
+                bool (LocalFilter::*proc)(cv::Mat const &, cv::Mat &, TProgress *)) {
     cv::Mat const src = inputs().y16;
     LocalFilter filter;
     filter.setup(0.3f, 8, kReferences);
@@ -125,7 +126,10 @@ void peakMemory(benchmark::State &state) {
     for (auto _ : state) {
         std::ofstream("/proc/self/clear_refs") << "5";
         long const base = statusKb("VmRSS:");
-        filter.proc5(src, out, nullptr);
+        {
+            QuietCout quiet;
+            (filter.*proc)(src, out, nullptr);
+        }
         long const peak = statusKb("VmHWM:");
         if (base > 0 && peak > 0) extra = (peak - base) / 1024.0;
     }
@@ -135,7 +139,10 @@ void peakMemory(benchmark::State &state) {
 }
 
 int const registered = [] {
-    benchmark::RegisterBenchmark("LocalFilter_PeakMemory/proc5", peakMemory)
+    benchmark::RegisterBenchmark("LocalFilter_PeakMemory/proc5", peakMemory, &LocalFilter::proc5)
+        ->Iterations(1)
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("LocalFilter_PeakMemory/proc3", peakMemory, &LocalFilter::proc3)
         ->Iterations(1)
         ->Unit(benchmark::kMillisecond);
     addShared(
