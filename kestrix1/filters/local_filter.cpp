@@ -477,7 +477,7 @@ KX_VECTOR_CLONES
 void remapRow(u16 const *in, u16 *out, int cols, u16 const *table, float g) {
     for (int x = 0; x < cols; ++x) {
         float const d = roundEven((float(in[x]) - g) * 0.5f + 32768.0f);
-        int const i = std::min(std::max(int(d), 0), 65535);
+        int const i = int(std::min(std::max(d, 0.0f), 65535.0f));
         int const v = int(in[x]) + 2 * int(table[i]) - 65536;
         out[x] = u16(std::min(std::max(v, 0), 65535));
     }
@@ -793,7 +793,7 @@ void LocalFilter::setupLUT(int levels) {
     if (levels < 1 || levels > 32767) return;
     levelLuts = pxMalloc_16u(levels << 16);
     m_lutRows = levels - 1;
-    float const step = range * 65535.0f / float(remapLevels);
+    float const step = range * 65535.0f / float(std::max(remapLevels, 1));
     std::fill(levelLuts + (std::size_t(levels - 1) << 16), levelLuts + (std::size_t(levels) << 16),
               u16(0));
     u16 const *ramp = rampTable();

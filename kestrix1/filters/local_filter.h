@@ -16,10 +16,11 @@
 // - remapLut and levelLuts are owned: copies are deep, so two objects never free one table.
 // - The parameter form of setup leaves no entry of the table to an earlier setup: entry 1,
 //   which its mirrored loop skips, takes entry 2's value before entry 0 takes entry 1's.
-// - A proc holds the input's Gaussian pyramid, the output pyramid and two reference pyramids
-//   (about four pyramids, 250 MiB at 24 megapixels); each reference level is blended into
-//   the output as soon as it is made, and only where the input's values need it. The results
-//   are those of building every pyramid whole, at any number of threads.
+// - A proc holds the input's Gaussian pyramid, the output pyramid and two reference pyramids,
+//   proc3 also one plane of scratch (at 24 megapixels about 140 MiB resident for proc5 and
+//   185 MiB for proc3). Each reference level is blended into the output as soon as it is
+//   made, and only where the input's values need it; the results are those of building every
+//   pyramid whole, at any number of threads.
 #pragma once
 
 #include <cstdint>
@@ -128,6 +129,8 @@ public:
     // ((rows + 1) / 2) x ((cols + 1) / 2) samples: a smaller one is extended by repeating
     // its last row and column; an output below 4 rows or 3 columns is the corner of the
     // output made at that least size. An empty src leaves dst alone. True.
+    // spd, spu, sadd and ssubstract take CV_16UC1 planes (sadd and ssubstract two of one
+    // size) and do not check them.
     bool spu(cv::Mat &src, cv::Mat &dst, cv::Size_<int> size);
     // dst = clamp(a + b - 32768, 0, 65535), made like a. True.
     bool sadd(cv::Mat &a, cv::Mat &b, cv::Mat &dst);
