@@ -164,7 +164,7 @@ void halve(Mat const &src, Mat &dst, u16 const *table = nullptr) {
         });
 }
 
-// Step 1 of the doubling: source row p into output row q of `cols` >= 3 values. Sample k
+// The doubling along a row: source row p into output row q of `cols` >= 3 values. Sample k
 // lands at 2k + 1; even places take the mean of their two neighbours, odd places 3, 5, ...
 // (c < cols - 1) are smoothed with theirs.
 KX_VECTOR_CLONES
@@ -854,14 +854,14 @@ bool LocalFilter::run(cv::Mat const &src, cv::Mat &dst, TProgress *progress, Var
     int const n = remapLevels;
     if (tables && n >= 2 && (levelLuts == nullptr || m_lutRows < n - 1)) setupLUT(n);
 
-    // 1. the working image, scaled around mid-grey.
+    // The working image, scaled around mid-grey.
     if (range == 1.0f)
         src.copyTo(dst);
     else
         src.convertTo(dst, CV_16UC1, range, (1.0 - range) * 32768.0);
     int const rows = dst.rows, cols = dst.cols;
 
-    // 2. the depth: floor(log2(min side)).
+    // The depth: floor(log2(min side)).
     int exponent = 0;
     std::frexp(double(std::min(rows, cols)), &exponent);
     int const depth = exponent - 1;
@@ -886,7 +886,7 @@ bool LocalFilter::run(cv::Mat const &src, cv::Mat &dst, TProgress *progress, Var
     bool const simple = !pyramid.opencv;
     if (!simple || std::min(rows, cols) < 4) pyramid.scratch = workPlane(rows, cols);
 
-    // 3, 4. the input's Gaussian levels G and, in O, its Laplacian ones to start the output.
+    // The input's Gaussian levels G and, in O, its Laplacian ones to start the output.
     std::vector<Mat> G(depth), O(depth);
     G[0] = dst;
     for (int i = 1; i < depth; ++i)
@@ -899,7 +899,7 @@ bool LocalFilter::run(cv::Mat const &src, cv::Mat &dst, TProgress *progress, Var
     for (int i = 0; i < depth; ++i)
         spans[i].make(G[i]);
 
-    // 5. two reference pyramids, reused interval after interval.
+    // Two reference pyramids, reused interval after interval.
     std::vector<Mat> B[2];
     for (auto &slot : B) {
         slot.resize(depth);
@@ -924,7 +924,7 @@ bool LocalFilter::run(cv::Mat const &src, cv::Mat &dst, TProgress *progress, Var
 
     for (int j = 0; j + 1 < n; ++j) {
         int const hi = (j + 1) % 2, lo = j % 2;
-        // 7a: the reference g_{j+1}, and at j = 0 the lower end of the first interval.
+        // The reference g_{j+1}, and at j = 0 the lower end of the first interval.
         long t = kxClockMs();
         u16 const *tableHi = tableFor(j + 1, hi);
         u16 const *tableLo = (j == 0 && !tables) ? tableFor(0, lo) : nullptr;
@@ -933,7 +933,7 @@ bool LocalFilter::run(cv::Mat const &src, cv::Mat &dst, TProgress *progress, Var
             if (tableLo != nullptr) lookup(dst, B[lo][0], tableLo);
         }
         remapMs += kxClockMs() - t;
-        // 7b, 7c: the pyramid of the new reference, each level blended into the output as
+        // The pyramid of the new reference, each level blended into the output as
         // soon as it is finished. proc5's first interval has both ends at g_1.
         t = kxClockMs();
         if (tableLo != nullptr)
@@ -948,14 +948,14 @@ bool LocalFilter::run(cv::Mat const &src, cv::Mat &dst, TProgress *progress, Var
     for (auto &slot : B)
         slot.clear();
 
-    // 9. collapse, 10. back to the host's contrast.
+    // Collapse, then back to the host's contrast.
     long const t = kxClockMs();
     for (int l = depth - 2; l >= 0; --l)
         pyramid.collapseLevel(O[l + 1], O[l], O[l]);
     unscale(O[0]);
     blendMs += kxClockMs() - t;
 
-    // 8. the times, sums of processor-clock differences.
+    // The times, sums of processor-clock differences.
     if (!tables) {
         long const now = kxClockMs();
         kxPrintTimingNumber(kxTimeRemap, now - remapMs);
