@@ -8,7 +8,7 @@
 // OpenCV's 5-tap filters, proc4 and proc5 with the cheap shift-based spd and spu; proc5 also
 // reads the remap from precomputed per-reference tables.
 //
-// Choices of this implementation, where older code was loose:
+// Choices of this implementation:
 // - spu's column loop runs c = 3, 5, ... while c < cols - 1, so every column of an even width
 //   is written and a width of 4 never writes past its row.
 // - A blend extrapolated in the top interval (proc3, proc4) saturates to 0..65535.
@@ -103,7 +103,8 @@ public:
 
     // src CV_16UC1 into dst (made src's size and type; dst may be src). Returns false when
     // progress cancels: dst then holds the scaled input. Empty src returns true at once and
-    // leaves dst alone. Throws "ERROR - LocalFilter::proc - src.type()!=CV_16UC1" otherwise.
+    // leaves dst alone; a side of one pixel has no pyramid and dst is src again (through the
+    // scaling). Throws "ERROR - LocalFilter::proc - src.type()!=CV_16UC1" for other types.
     // proc3 and proc4 blend with k = min((int)(G / step), n - 2), frac = G / step - k, which
     // extrapolates in the top interval, and print three timing lines (seconds of processor
     // time, all threads): "time to remap: " (the remap tables, and proc3's remapped planes),
