@@ -16,3 +16,7 @@ inline constexpr char const kxErrMaskReset[] = "Error - TFDrawMask::resetMask - 
 
 // Labels of timing lines.
 inline constexpr char const kxTimeRemap[] = "time to remap: ";
+inline constexpr char const kxTimeBuildPyramidCv[] = "time to build pyramid using cv method: ";
+inline constexpr char const kxTimeBuildPyramidSimple[] =
+    "time to build pyramid using simple method: ";
+inline constexpr char const kxTimeReconstruct[] = "time to reconstruct: ";
