@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <iostream>
 #include <new>
 #include <opencv2/imgproc.hpp>
 #include <sstream>
@@ -362,15 +363,19 @@ Job::Job(std::string const &command, CommonOptions const &options)
     if (!options.input.empty() && sameFile(output_, options.input))
         throw UsageError("output '" + output_ + "' is the input file; choose another with -o");
     bar_.shown = !options.quiet && ::isatty(STDERR_FILENO);
+    if (!options.time) stdout_ = std::cout.rdbuf(nullptr);
 }
 
 Job::~Job() {
+    if (stdout_) std::cout.rdbuf(stdout_);
+    std::cout.clear();
     // The bar's line ends before anything else is printed, an error included.
     if (bar_.shown && bar_.percent >= 0) std::fputs("\n", stderr);
 }
 
-void Job::fill(TPImage &image) const {
-    cv::Mat const &bgr = photo_.bgr;
+void Job::fill(TPImage &image) const { fillWorkingImage(photo_.bgr, image); }
+
+void fillWorkingImage(cv::Mat const &bgr, TPImage &image) {
     if (bgr.depth() == CV_8U) {
         cv::Mat bgra;
         cv::cvtColor(bgr, bgra, cv::COLOR_BGR2BGRA);
@@ -403,6 +408,10 @@ void Job::finish(TPImage const &image) {
         image.convertTopRGB(rgb, int(planes[0].step));
         cv::merge(planes, 3, bgr);
     }
+    finish();
+}
+
+void Job::finish() {
     progress_.done();
     writePhoto(output_, photo_);
 }

@@ -107,6 +107,8 @@ struct Stopwatch {
 
 // One run of a command over one photograph. Construction reads the input and settles the
 // output's name, both before any work: a wrong output name is a usage error found at once.
+// The timing lines that some of the library's filters print on std::cout are shown only with
+// --time; for the rest of the job std::cout goes nowhere.
 class Job {
 public:
     Job(std::string const &command, CommonOptions const &options);
@@ -121,8 +123,7 @@ public:
     // Progress of the run: a bar on stderr when it is a terminal and --quiet is not given.
     TProgress *progress() { return &progress_; }
 
-    // The colour planes of the photograph in a working image, through the library's
-    // conversions from host buffers (packed 8-bit, planar 16-bit).
+    // The colour planes of the photograph in a working image (see fillWorkingImage).
     void fill(TPImage &image) const;
 
     // Prints "LABEL<seconds> s" on stdout when --time is given.
@@ -131,6 +132,8 @@ public:
 
     // Reads `image` back at the photograph's depth and writes the photograph.
     void finish(TPImage const &image);
+    // Writes the photograph as the command left it in photo().
+    void finish();
 
 private:
     struct Bar {
@@ -144,4 +147,9 @@ private:
     std::string output_;
     Bar bar_;
     TProgress progress_;
+    std::streambuf *stdout_ = nullptr;  // std::cout's own buffer while the library's is muted
 };
+
+// The colour planes of an 8- or 16-bit BGR image in a working image, through the library's
+// conversions from host buffers (packed 8-bit, planar 16-bit).
+void fillWorkingImage(cv::Mat const &bgr, TPImage &image);

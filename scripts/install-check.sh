@@ -122,5 +122,10 @@ echo "install-check: running the installed kestrix"
 (cd "$work" && "$prefix/bin/kestrix" detail -q -o "$work/detail.png") ||
   fail "the installed kestrix detail did not run"
 [ -s "$work/detail.png" ] || fail "the installed kestrix detail wrote nothing"
+for line in "smooth --filter bilateral" "local --strength 0.2"; do
+  # shellcheck disable=SC2086
+  (cd "$work" && "$prefix/bin/kestrix" $line -q -o "$work/out.png") ||
+    fail "the installed kestrix $line did not run"
+done
 
 echo "install-check: OK"

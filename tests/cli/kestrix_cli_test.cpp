@@ -22,82 +22,11 @@
 #include "cli/frame.h"
 #include "kestrix1/frame/t_progress.h"
 #include "kestrix1/image/tp_image.h"
-
-namespace fs = std::filesystem;
+#include "tests/cli/cli_support.h"
 
 namespace {
 
-struct TempDir {
-    fs::path path;
-    TempDir() {
-        std::string pattern = (fs::temp_directory_path() / "kestrix-cli-XXXXXX").string();
-        path = ::mkdtemp(pattern.data());
-    }
-    ~TempDir() {
-        std::error_code ec;
-        fs::remove_all(path, ec);
-    }
-    std::string operator/(std::string const &name) const { return (path / name).string(); }
-    std::set<std::string> files() const {
-        std::set<std::string> names;
-        for (auto const &e : fs::directory_iterator(path))
-            names.insert(e.path().filename());
-        return names;
-    }
-};
-
-std::string slurp(fs::path const &p) {
-    std::ifstream in(p, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-struct Outcome {
-    int status = -1;
-    std::string out, err;
-};
-
-// Runs kestrix in folder `cwd` with the words of `line` as arguments; stdout and stderr are
-// captured apart.
-Outcome kestrix(std::string const &cwd, std::string const &line) {
-    TempDir logs;
-    std::string const cmd = "cd '" + cwd + "' && '" + KESTRIX_PROGRAM + "' " + line + " >'" +
-                            logs / "out" + "' 2>'" + logs / "err" + "' </dev/null";
-    int const raw = std::system(cmd.c_str());
-    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw), slurp(logs.path / "out"),
-            slurp(logs.path / "err")};
-}
-
-cv::Mat photo(std::string const &name) {
-    return cv::imread(std::string(KX_DATA_DIR) + "/" + name, cv::IMREAD_UNCHANGED);
-}
-
-// Small odd-sized crops: fast under the sanitizers, and the chroma planes round up.
-cv::Mat crop(cv::Mat const &m, int w = 161, int h = 123) {
-    return m(cv::Rect(m.cols / 4, m.rows / 4, w, h)).clone();
-}
-
-cv::Mat to16(cv::Mat const &m8) {
-    cv::Mat m16;
-    m8.convertTo(m16, CV_16U, 257.0);
-    return m16;
-}
-
-double maxAbsDiff(cv::Mat const &a, cv::Mat const &b) {
-    cv::Mat d;
-    cv::absdiff(a, b, d);
-    double mx = 0;
-    cv::minMaxLoc(d.reshape(1), nullptr, &mx);
-    return mx;
-}
-
-double meanAbsDiff(cv::Mat const &a, cv::Mat const &b) {
-    cv::Mat d;
-    cv::absdiff(a, b, d);
-    cv::Scalar const s = cv::mean(d);
-    return (s[0] + s[1] + s[2]) / 3.0;
-}
+using namespace kxcli;
 
 // 0.299 R + 0.587 G + 0.114 B of a BGR image, in double.
 cv::Mat lumaOf(cv::Mat const &bgr) {
@@ -114,26 +43,6 @@ cv::Mat luminance(std::string const &name) {
     return grey;
 }
 
-// Into the working image and straight back, as a host converts (packed 8-bit, planar 16-bit).
-cv::Mat roundTrip(cv::Mat const &bgr) {
-    TPImage image;
-    cv::Mat out;
-    if (bgr.depth() == CV_8U) {
-        cv::Mat bgra;
-        cv::cvtColor(bgr, bgra, cv::COLOR_BGR2BGRA);
-        image.convertFrom(bgra.data, bgra.cols, bgra.rows, int(bgra.step));
-        image.convertTo(bgra.data, int(bgra.step));
-        cv::cvtColor(bgra, out, cv::COLOR_BGRA2BGR);
-    } else {
-        std::vector<cv::Mat> p;
-        cv::split(bgr, p);
-        unsigned short *rgb[3] = {p[2].ptr<ushort>(), p[1].ptr<ushort>(), p[0].ptr<ushort>()};
-        image.convertFrompRGB(rgb, bgr.cols, bgr.rows, int(p[0].step));
-        image.convertTopRGB(rgb, int(p[0].step));
-        cv::merge(p, out);
-    }
-    return out;
-}
 
 // ---- the split of Y -----------------------------------------------------------------------
 
@@ -212,15 +121,8 @@ TEST(KestrixDecompose, ReportsThreeStepsAndStopsWhenCancelled) {
 
 // ---- options ------------------------------------------------------------------------------
 
-// The settings that the words of `line` give, parsed as kestrix parses them.
 DetailSettings parseDetail(std::string const &line) {
-    std::istringstream in(line);
-    std::vector<std::string> const args{std::istream_iterator<std::string>(in), {}};
-    CLI::App app;
-    DetailSettings s;
-    addDetailOptions(app, s);
-    parseCommandLine(app, "detail", args);
-    return s;
+    return parseWith(addDetailOptions, "detail", line);
 }
 
 TEST(KestrixOptions, PresetFirstThenSingleSettingsWhateverTheOrder) {
@@ -268,14 +170,8 @@ TEST(KestrixOptions, BadValuesAreOneLineUsageErrors) {
         {"--sharpen 1", "unknown option '--sharpen' (see kestrix detail --help)"},
         {"a.png", "more than one input file: 'a.png'"},  // this line has no INPUT
     };
-    for (auto const &[line, message] : cases) {
-        try {
-            parseDetail(line);
-            ADD_FAILURE() << "no error for " << line;
-        } catch (UsageError const &e) {
-            EXPECT_EQ(e.what(), message);
-        }
-    }
+    for (auto const &[line, message] : cases)
+        EXPECT_EQ(usageErrorOf(addDetailOptions, "detail", line), message) << line;
 }
 
 // ---- the program ---------------------------------------------------------------------------

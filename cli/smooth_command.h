@@ -1,0 +1,33 @@
+// `kestrix smooth`: edge-preserving smoothing of a photograph by one of the library's filters
+// (guided filter, domain transform, bilateral grid, adaptive manifolds), of its luminance
+// alone or of each colour plane, along the edges of the photograph itself or of a second
+// picture of the same size (joint filtering).
+#pragma once
+
+#include <string>
+
+#include "cli/frame.h"
+
+struct SmoothSettings {
+    enum class Filter { none, guided, dt, bilateral, manifold };
+    enum class Channels { y, rgb };
+
+    Filter filter = Filter::none;
+    Channels channels = Channels::y;
+    // Negative until given; each filter then takes its own default (see resolveSmooth).
+    int radius = -1;      // guided: window radius in pixels
+    float eps = -1;       // guided: regulariser, as a fraction of full scale (squared inside)
+    float sigmaS = -1;    // dt, bilateral, manifold: spatial sigma in pixels
+    float sigmaR = -1;    // dt, bilateral, manifold: range sigma, fraction of full scale
+    std::string guide;    // a picture of the input's size whose edges steer the filter
+};
+
+// Checks that every given parameter belongs to the chosen filter and fills in the filter's
+// defaults. Throws UsageError when --filter is missing or a parameter belongs to another
+// filter.
+void resolveSmooth(SmoothSettings &settings);
+
+// Adds the options of `kestrix smooth` to `app`; resolveSmooth runs once the line is parsed.
+void addSmoothOptions(CLI::App &app, SmoothSettings &settings);
+
+extern Command const smoothCommand;
