@@ -62,23 +62,24 @@ void runLocal(LocalSettings const &s, Job &job) {
     Stopwatch watch;
     LocalFilter filter(kPyramidLevels, s.levels);
     switch (s.form) {
-    case Form::strength:
-        filter.setup(s.strength, kPyramidLevels, s.levels);
-        if (s.variant == Variant::table) filter.setupLUT(s.levels);
-        break;
-    case Form::curve: {
-        cv::Mat points(int(s.curve.size() / 2), 2, CV_32F);
-        std::copy(s.curve.begin(), s.curve.end(), points.ptr<float>());
-        filter.setup(points, s.levels, kCurveSmoothing);
-        break;
-    }
-    case Form::params: {
-        float params[4];
-        std::copy(s.params, s.params + 4, params);
-        filter.setup(params);
-        break;
-    }
-    case Form::none: break;
+        case Form::strength:
+            filter.setup(s.strength, kPyramidLevels, s.levels);
+            if (s.variant == Variant::table) filter.setupLUT(s.levels);
+            break;
+        case Form::curve: {
+            cv::Mat points(int(s.curve.size() / 2), 2, CV_32F);
+            std::copy(s.curve.begin(), s.curve.end(), points.ptr<float>());
+            filter.setup(points, s.levels, kCurveSmoothing);
+            break;
+        }
+        case Form::params: {
+            float params[4];
+            std::copy(s.params, s.params + 4, params);
+            filter.setup(params);
+            break;
+        }
+        case Form::none:
+            break;
     }
     job.time("time to set up: ", watch);
 
@@ -86,9 +87,15 @@ void runLocal(LocalSettings const &s, Job &job) {
     cv::Mat result(image.m_Y.size(), CV_16UC1);
     bool done = false;
     switch (s.variant) {
-    case Variant::cv: done = filter.proc3(image.m_Y, result, job.progress()); break;
-    case Variant::simple: done = filter.proc4(image.m_Y, result, job.progress()); break;
-    case Variant::table: done = filter.proc5(image.m_Y, result, job.progress()); break;
+        case Variant::cv:
+            done = filter.proc3(image.m_Y, result, job.progress());
+            break;
+        case Variant::simple:
+            done = filter.proc4(image.m_Y, result, job.progress());
+            break;
+        case Variant::table:
+            done = filter.proc5(image.m_Y, result, job.progress());
+            break;
     }
     if (!done) throw FileError("cancelled");
     job.time("time to filter: ", watch);
@@ -168,15 +175,19 @@ void addLocalOptions(CLI::App &app, LocalSettings &s) {
              "table (default): the fastest, tables per level prepared at set-up; simple: "
              "pyramids by shifts; cv: pyramids by OpenCV. All three give nearly the same result",
              [&s](std::string const &v) {
-                 if (v == "cv") s.variant = Variant::cv;
-                 else if (v == "simple") s.variant = Variant::simple;
-                 else if (v == "table") s.variant = Variant::table;
-                 else badValue("--variant", v, "cv, simple or table");
+                 if (v == "cv")
+                     s.variant = Variant::cv;
+                 else if (v == "simple")
+                     s.variant = Variant::simple;
+                 else if (v == "table")
+                     s.variant = Variant::table;
+                 else
+                     badValue("--variant", v, "cv, simple or table");
              })
         ->group("Method");
     app.final_callback([&s] { resolveLocal(s); });
 }
 
-Command const localCommand = commandOf<LocalSettings>(
-    "local", "raise or lower local contrast without halos", kAbout, kFooter, addLocalOptions,
-    runLocal);
+Command const localCommand =
+    commandOf<LocalSettings>("local", "raise or lower local contrast without halos", kAbout,
+                             kFooter, addLocalOptions, runLocal);

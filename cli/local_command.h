@@ -13,10 +13,10 @@ struct LocalSettings {
     enum class Form { none, strength, curve, params };
 
     Form form = Form::none;
-    float strength = 0;              // -1 .. 1: positive boosts small differences
-    std::vector<float> curve;        // x0, g0, x1, g1, ...: gain g for differences of size x
-    float params[4] = {};            // the four-parameter table form, each -1 .. 1
-    int levels = 0;                  // grey levels of the reference pyramids; 0 until given
+    float strength = 0;        // -1 .. 1: positive boosts small differences
+    std::vector<float> curve;  // x0, g0, x1, g1, ...: gain g for differences of size x
+    float params[4] = {};      // the four-parameter table form, each -1 .. 1
+    int levels = 0;            // grey levels of the reference pyramids; 0 until given
     Variant variant = Variant::table;
 };
 

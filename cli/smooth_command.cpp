@@ -86,7 +86,9 @@ std::vector<cv::Mat> toFloat(std::vector<cv::Mat> const &planes16) {
     return out;
 }
 
-void fromFloat(cv::Mat const &f, cv::Mat &plane16) { f.convertTo(plane16, CV_16U, 65535.0); }
+void fromFloat(cv::Mat const &f, cv::Mat &plane16) {
+    f.convertTo(plane16, CV_16U, 65535.0);
+}
 
 cv::Mat merged(std::vector<cv::Mat> const &planes) {
     cv::Mat m;
@@ -205,13 +207,20 @@ void runSmooth(SmoothSettings const &s, Job &job) {
     Stopwatch watch;
     TProgress &progress = *job.progress();
     switch (s.filter) {
-    case Filter::guided: runGuided(s, w); break;
-    case Filter::dt: runDt(s, w); break;
-    case Filter::bilateral:
-        if (!runBilateral(s, w, progress)) throw FileError("cancelled");
-        break;
-    case Filter::manifold: runManifold(s, w); break;
-    case Filter::none: break;
+        case Filter::guided:
+            runGuided(s, w);
+            break;
+        case Filter::dt:
+            runDt(s, w);
+            break;
+        case Filter::bilateral:
+            if (!runBilateral(s, w, progress)) throw FileError("cancelled");
+            break;
+        case Filter::manifold:
+            runManifold(s, w);
+            break;
+        case Filter::none:
+            break;
     }
     job.time("time to smooth: ", watch);
 
@@ -301,6 +310,6 @@ void addSmoothOptions(CLI::App &app, SmoothSettings &s) {
     app.final_callback([&s] { resolveSmooth(s); });
 }
 
-Command const smoothCommand = commandOf<SmoothSettings>(
-    "smooth", "smooth a photograph while keeping its edges", kAbout, kFooter, addSmoothOptions,
-    runSmooth);
+Command const smoothCommand =
+    commandOf<SmoothSettings>("smooth", "smooth a photograph while keeping its edges", kAbout,
+                              kFooter, addSmoothOptions, runSmooth);

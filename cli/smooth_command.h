@@ -15,11 +15,11 @@ struct SmoothSettings {
     Filter filter = Filter::none;
     Channels channels = Channels::y;
     // Negative until given; each filter then takes its own default (see resolveSmooth).
-    int radius = -1;      // guided: window radius in pixels
-    float eps = -1;       // guided: regulariser, as a fraction of full scale (squared inside)
-    float sigmaS = -1;    // dt, bilateral, manifold: spatial sigma in pixels
-    float sigmaR = -1;    // dt, bilateral, manifold: range sigma, fraction of full scale
-    std::string guide;    // a picture of the input's size whose edges steer the filter
+    int radius = -1;    // guided: window radius in pixels
+    float eps = -1;     // guided: regulariser, as a fraction of full scale (squared inside)
+    float sigmaS = -1;  // dt, bilateral, manifold: spatial sigma in pixels
+    float sigmaR = -1;  // dt, bilateral, manifold: range sigma, fraction of full scale
+    std::string guide;  // a picture of the input's size whose edges steer the filter
 };
 
 // Checks that every given parameter belongs to the chosen filter and fills in the filter's

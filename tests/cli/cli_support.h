@@ -8,13 +8,13 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #include <set>
 #include <sstream>
 #include <string>
-#include <iterator>
 #include <vector>
 
 #include "cli/frame.h"
@@ -45,9 +45,7 @@ struct TempDir {
 
 inline std::string slurp(fs::path const &p) {
     std::ifstream in(p, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 struct Outcome {
@@ -82,11 +80,7 @@ inline cv::Mat to16(cv::Mat const &m8) {
 }
 
 inline double maxAbsDiff(cv::Mat const &a, cv::Mat const &b) {
-    cv::Mat d;
-    cv::absdiff(a, b, d);
-    double mx = 0;
-    cv::minMaxLoc(d.reshape(1), nullptr, &mx);
-    return mx;
+    return cv::norm(a, b, cv::NORM_INF);
 }
 
 inline double meanAbsDiff(cv::Mat const &a, cv::Mat const &b) {
@@ -94,6 +88,21 @@ inline double meanAbsDiff(cv::Mat const &a, cv::Mat const &b) {
     cv::absdiff(a, b, d);
     cv::Scalar const s = cv::mean(d);
     return (s[0] + s[1] + s[2]) / 3.0;
+}
+
+// b B + g G + r R of a BGR image, in double; by default its luminance.
+inline cv::Mat lumaOf(cv::Mat const &bgr, double b = 0.114, double g = 0.587, double r = 0.299) {
+    cv::Mat f, y;
+    bgr.convertTo(f, CV_64F);
+    cv::transform(f, y, cv::Matx13d(b, g, r));
+    return y;
+}
+
+// The height of a vertical edge at column x of a plane: the mean of columns x + near to
+// x + far minus that of columns x - far to x - near.
+inline double edgeHeight(cv::Mat const &plane, int x, int near, int far) {
+    return cv::mean(plane.colRange(x + near, x + far))[0] -
+           cv::mean(plane.colRange(x - far, x - near))[0];
 }
 
 // Into the working image and straight back, as a host converts (packed 8-bit, planar 16-bit).

@@ -2,19 +2,10 @@
 // options of `kestrix detail` as the frame parses them, and the split of Y into base and
 // detail planes, which carries arithmetic of its own.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
-#include <set>
-#include <sstream>
-#include <string>
 #include <vector>
 
 #include "cli/decompose.h"
@@ -28,21 +19,12 @@ namespace {
 
 using namespace kxcli;
 
-// 0.299 R + 0.587 G + 0.114 B of a BGR image, in double.
-cv::Mat lumaOf(cv::Mat const &bgr) {
-    cv::Mat f, y;
-    bgr.convertTo(f, CV_64F);
-    cv::transform(f, y, cv::Matx13d(0.114, 0.587, 0.299));
-    return y;
-}
-
 // A 16-bit luminance plane of a photograph, the kind of plane the program splits.
 cv::Mat luminance(std::string const &name) {
     cv::Mat grey;
     cv::cvtColor(to16(photo(name)), grey, cv::COLOR_BGR2GRAY);
     return grey;
 }
-
 
 // ---- the split of Y -----------------------------------------------------------------------
 
@@ -250,6 +232,7 @@ TEST(KestrixProgram, BadInputFailsCleanly) {
     cv::Mat const small = crop(photo("chelsea.png"), 64, 48);
     ASSERT_TRUE(cv::imwrite(dir / "ok.png", small));
     ASSERT_TRUE(cv::imwrite(dir / "ok.jpg", small));
+    ASSERT_TRUE(cv::imwrite(dir / "wide.png", crop(photo("chelsea.png"), 65, 48)));
     std::string const png = slurp(dir / "ok.png");
     std::string const jpg = slurp(dir / "ok.jpg");
     std::ofstream(dir / "cut.png", std::ios::binary) << png.substr(0, png.size() / 2);
@@ -272,6 +255,8 @@ TEST(KestrixProgram, BadInputFailsCleanly) {
         {"detail float.tif", "1 'float.tif': only 8- and 16-bit images are supported"},
         {"detail ok.png -o nowhere/out.png",
          "1 cannot write 'nowhere/out.png': No such file or directory"},
+        {"smooth ok.png --filter dt --guide wide.png",
+         "1 guide 'wide.png' is 65 x 48 pixels; the input is 64 x 48"},
         {"detail ok.png --fine 2",
          "2 bad value '2' for --fine (expected 1 to 3 comma-separated numbers in -1.5..1.5)"},
         {"detail ok.png ok.jpg", "2 more than one input file: 'ok.jpg'"},
