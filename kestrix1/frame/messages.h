@@ -20,3 +20,4 @@ inline constexpr char const kxTimeBuildPyramidCv[] = "time to build pyramid usin
 inline constexpr char const kxTimeBuildPyramidSimple[] =
     "time to build pyramid using simple method: ";
 inline constexpr char const kxTimeReconstruct[] = "time to reconstruct: ";
+inline constexpr char const kxTimeColorAdjLut[] = "time to compute LUT for color adj: ";
