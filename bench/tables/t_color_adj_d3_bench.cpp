@@ -34,7 +34,9 @@ struct Adj : TColorAdjD3 {
     }
 };
 
-inline double rnd16(double v) { return std::clamp(std::nearbyint(v), 0.0, 65535.0); }
+inline double rnd16(double v) {
+    return std::clamp(std::nearbyint(v), 0.0, 65535.0);
+}
 
 // The plain loop: per pixel the brightening scale, then sixteen table reads.
 void plainProc(Adj const &t, cv::Mat const &y0, cv::Mat const &y1, cv::Mat const &dr,
@@ -50,8 +52,8 @@ void plainProc(Adj const &t, cv::Mat const &y0, cv::Mat const &y1, cv::Mat const
                         fb = (cb & 2047) / 2048.0f;
             for (int ch = 0; ch < 2; ++ch) {
                 std::uint16_t const *T = (ch == 0 ? t.m_lutDr : t.m_lutDb) + i;
-                float const lo = (1 - fr) * (T[0] * (1 - fb) + T[1] * fb) +
-                                 (T[33] * (1 - fb) + T[34] * fb) * fr;
+                float const lo =
+                    (1 - fr) * (T[0] * (1 - fb) + T[1] * fb) + (T[33] * (1 - fb) + T[34] * fb) * fr;
                 float const hi = (1 - fr) * (T[1089] * (1 - fb) + T[1090] * fb) +
                                  (T[1122] * (1 - fb) + T[1123] * fb) * fr;
                 (ch == 0 ? oDr : oDb).at<std::uint16_t>(r, c) =

@@ -10,6 +10,7 @@
 #include "kestrix1/frame/messages.h"
 #include "kestrix1/frame/timing.h"
 #include "kestrix1/kernels/parallel.h"
+#include "kestrix1/kernels/px_dispatch.h"
 #include "kestrix1/kernels/px_memory.h"
 #include "kestrix1/tables/lut_smoothing.h"
 
@@ -18,25 +19,70 @@ namespace {
 constexpr char const kErrProcPlanes[] =
     "ERROR - TColorAdjD3::proc - planes must be CV_16UC1 of one size";
 
-constexpr int kLevelStride = TColorAdjD3::kKnots * TColorAdjD3::kKnots;  // 1089
+constexpr int kKnots = TColorAdjD3::kKnots;
+constexpr int kLevelStride = kKnots * kKnots;  // 1089
 
 inline double sat16(double v) {
     return std::clamp(std::nearbyint(v), 0.0, 65535.0);
 }
 
-// Round to nearest, ties to even, for 0 <= v <= 65535: adding 1.5 x 2^23 leaves no bits
-// below the unit, so the addition itself rounds. A plain expression, so loops around it
-// vectorise where nearbyint would not.
-inline float roundSmall(float v) {
-    return (v + 12582912.0f) - 12582912.0f;
-}
-
-inline float clampRound16(float v) {
-    return roundSmall(std::min(std::max(v, 0.0f), 65535.0f));
+// Round to nearest, ties to even, and saturate to 0..65535, for |v| < 2^22: adding 1.5 x 2^23
+// leaves no bits below the unit, so the addition itself rounds; the limits are then applied
+// to the whole number. Plain expressions, so loops around it vectorise.
+inline int round16(float v) {
+    int const r = int((v + 12582912.0f) - 12582912.0f);
+    return r < 0 ? 0 : r > 65535 ? 65535 : r;
 }
 
 // Pixels per chunk of proc: the chunk's scratch stays in the first-level cache.
 constexpr int kChunk = 256;
+
+// One row of proc, a chunk at a time: the brightening scale, knot index and weights of each
+// pixel; then its eight knots, one array per corner; then the trilinear mix of both channels
+// (Db weight innermost, then Dr, then Y). Scratch: id kChunk, w 3 kChunk, kn 8 kChunk. The
+// first and last passes vectorise; the middle one is the table reads.
+KX_VECTOR_CLONES
+void lookUpRow(std::uint32_t const *P, std::uint16_t const *pY0, std::uint16_t const *pY1,
+               std::uint16_t const *pDr, std::uint16_t const *pDb, std::uint16_t *oDr,
+               std::uint16_t *oDb, int cols, std::int32_t *id, float *w, std::uint32_t *kn) {
+    float *const fy = w, *const fdr = w + kChunk, *const fdb = w + 2 * kChunk;
+    for (int x0 = 0; x0 < cols; x0 += kChunk) {
+        int const n = std::min(kChunk, cols - x0);
+        for (int i = 0; i < n; ++i) {
+            int const v0 = pY0[x0 + i], v1 = pY1[x0 + i];
+            float const q = (float(v1) + 655.3f) / (float(v0) + 655.3f);
+            float const s = q > 1.0f ? q : 1.0f;  // at most 101: |dr| below 2^22
+            int const cr = round16((float(pDr[x0 + i]) - 32768.0f) * s + 32768.0f);
+            int const cb = round16((float(pDb[x0 + i]) - 32768.0f) * s + 32768.0f);
+            id[i] = TColorAdjD3::get3DLUTIdx(v1 >> 11, cr >> 11, cb >> 11);
+            fy[i] = float(v1 & 2047) / 2048.0f;
+            fdr[i] = float(cr & 2047) / 2048.0f;
+            fdb[i] = float(cb & 2047) / 2048.0f;
+        }
+        for (int i = 0; i < n; ++i) {
+            std::uint32_t const *const p = P + id[i];
+            kn[i] = p[0];
+            kn[kChunk + i] = p[1];
+            kn[2 * kChunk + i] = p[kKnots];
+            kn[3 * kChunk + i] = p[kKnots + 1];
+            kn[4 * kChunk + i] = p[kLevelStride];
+            kn[5 * kChunk + i] = p[kLevelStride + 1];
+            kn[6 * kChunk + i] = p[kLevelStride + kKnots];
+            kn[7 * kChunk + i] = p[kLevelStride + kKnots + 1];
+        }
+        for (int i = 0; i < n; ++i) {
+            auto lo = [&](int j) { return float(int(kn[j * kChunk + i] & 0xFFFFu)); };
+            auto hi = [&](int j) { return float(int(kn[j * kChunk + i] >> 16)); };
+            float vr, vb;
+            TColorAdjD3::mix(vr, lo(0), lo(1), lo(2), lo(3), lo(4), lo(5), lo(6), lo(7), fy[i],
+                             fdr[i], fdb[i]);
+            TColorAdjD3::mix(vb, hi(0), hi(1), hi(2), hi(3), hi(4), hi(5), hi(6), hi(7), fy[i],
+                             fdr[i], fdb[i]);
+            oDr[x0 + i] = std::uint16_t(round16(vr));
+            oDb[x0 + i] = std::uint16_t(round16(vb));
+        }
+    }
+}
 
 }  // namespace
 
@@ -144,12 +190,12 @@ void TColorAdjD3::computeLUT16U() {
     kxPrintTimingNumber(kxTimeColorAdjLut, start);
 }
 
-bool TColorAdjD3::proc(cv::Mat const &y0, cv::Mat const &y1, cv::Mat const &dr,
-                       cv::Mat const &db, cv::Mat &outDr, cv::Mat &outDb) {
+bool TColorAdjD3::proc(cv::Mat const &y0, cv::Mat const &y1, cv::Mat const &dr, cv::Mat const &db,
+                       cv::Mat &outDr, cv::Mat &outDb) {
     if (y0.empty() && y1.empty() && dr.empty() && db.empty()) return true;
     bool const ok = y0.type() == CV_16UC1 && y1.type() == CV_16UC1 && dr.type() == CV_16UC1 &&
-                    db.type() == CV_16UC1 && y1.size() == y0.size() &&
-                    dr.size() == y0.size() && db.size() == y0.size() && !y0.empty();
+                    db.type() == CV_16UC1 && y1.size() == y0.size() && dr.size() == y0.size() &&
+                    db.size() == y0.size() && !y0.empty();
     kxRequire(ok, kErrProcPlanes);
 
     computeLUT16U();
@@ -168,65 +214,14 @@ bool TColorAdjD3::proc(cv::Mat const &y0, cv::Mat const &y1, cv::Mat const &dr,
     int const rows = y0.rows, cols = y0.cols;
 
     parallelBands(rows, std::int64_t(rows) * cols * 16, [&](int r0, int r1) {
-        // Scratch of one chunk: knot index and weights, then the eight knots.
         std::vector<std::int32_t> idx(kChunk);
         std::vector<float> w(3 * kChunk);
         std::vector<std::uint32_t> k(8 * kChunk);
-        float *const fy = w.data(), *const fdr = fy + kChunk, *const fdb = fdr + kChunk;
-        std::int32_t *const id = idx.data();
-        std::uint32_t *const kn = k.data();
-
-        for (int row = r0; row < r1; ++row) {
-            std::uint16_t const *const pY0 = y0.ptr<std::uint16_t>(row);
-            std::uint16_t const *const pY1 = y1.ptr<std::uint16_t>(row);
-            std::uint16_t const *const pDr = inDr.ptr<std::uint16_t>(row);
-            std::uint16_t const *const pDb = inDb.ptr<std::uint16_t>(row);
-            std::uint16_t *const oDr = outDr.ptr<std::uint16_t>(row);
-            std::uint16_t *const oDb = outDb.ptr<std::uint16_t>(row);
-
-            for (int x0 = 0; x0 < cols; x0 += kChunk) {
-                int const n = std::min(kChunk, cols - x0);
-
-                // Scale by the brightening, then the knot and the weights.
-                for (int i = 0; i < n; ++i) {
-                    int const v0 = pY0[x0 + i], v1 = pY1[x0 + i];
-                    float const s =
-                        std::max(1.0f, (float(v1) + 655.3f) / (float(v0) + 655.3f));
-                    int const cr = int(clampRound16((float(pDr[x0 + i]) - 32768.0f) * s + 32768.0f));
-                    int const cb = int(clampRound16((float(pDb[x0 + i]) - 32768.0f) * s + 32768.0f));
-                    id[i] = get3DLUTIdx(v1 >> 11, cr >> 11, cb >> 11);
-                    fy[i] = float(v1 & 2047) / 2048.0f;
-                    fdr[i] = float(cr & 2047) / 2048.0f;
-                    fdb[i] = float(cb & 2047) / 2048.0f;
-                }
-                // The eight knots around each pixel, one array per corner.
-                for (int i = 0; i < n; ++i) {
-                    std::uint32_t const *const p = P + id[i];
-                    kn[i] = p[0];
-                    kn[kChunk + i] = p[1];
-                    kn[2 * kChunk + i] = p[kKnots];
-                    kn[3 * kChunk + i] = p[kKnots + 1];
-                    kn[4 * kChunk + i] = p[kLevelStride];
-                    kn[5 * kChunk + i] = p[kLevelStride + 1];
-                    kn[6 * kChunk + i] = p[kLevelStride + kKnots];
-                    kn[7 * kChunk + i] = p[kLevelStride + kKnots + 1];
-                }
-                // Trilinear in both channels: Db weight innermost, then Dr, then Y.
-                for (int i = 0; i < n; ++i) {
-                    float c[8], d[8];
-                    for (int j = 0; j < 8; ++j) {
-                        std::uint32_t const q = kn[j * kChunk + i];
-                        c[j] = float(q & 0xFFFFu);
-                        d[j] = float(q >> 16);
-                    }
-                    float vr, vb;
-                    mix(vr, c[0], c[1], c[2], c[3], c[4], c[5], c[6], c[7], fy[i], fdr[i], fdb[i]);
-                    mix(vb, d[0], d[1], d[2], d[3], d[4], d[5], d[6], d[7], fy[i], fdr[i], fdb[i]);
-                    oDr[x0 + i] = std::uint16_t(clampRound16(vr));
-                    oDb[x0 + i] = std::uint16_t(clampRound16(vb));
-                }
-            }
-        }
+        for (int row = r0; row < r1; ++row)
+            lookUpRow(P, y0.ptr<std::uint16_t>(row), y1.ptr<std::uint16_t>(row),
+                      inDr.ptr<std::uint16_t>(row), inDb.ptr<std::uint16_t>(row),
+                      outDr.ptr<std::uint16_t>(row), outDb.ptr<std::uint16_t>(row), cols,
+                      idx.data(), w.data(), k.data());
     });
     return true;
 }

@@ -19,9 +19,9 @@
 
 class KESTRIX1_EXPORT TColorAdjD3 {
 public:
-    static constexpr int kKnots = 33;                          // knots per axis
+    static constexpr int kKnots = 33;                            // knots per axis
     static constexpr int kTableSize = kKnots * kKnots * kKnots;  // 35937
-    static constexpr int kRowBytes = 256;                      // one 8-bit tone row per Y level
+    static constexpr int kRowBytes = 256;                        // one 8-bit tone row per Y level
 
     // r0, r1: factors of the first amount when positive / negative; r2, r3: the same for the
     // second; r4: the factor of the third amount when positive; r5: the factor of the fourth.
@@ -45,7 +45,9 @@ public:
     void setAmounts(float a0, float a1, float a2, float a3);
 
     // The amounts as last set, and whether the table awaits recomputation.
-    std::array<float, 4> amounts() const { return {m_amounts[0], m_amounts[1], m_amounts[2], m_amounts[3]}; }
+    std::array<float, 4> amounts() const {
+        return {m_amounts[0], m_amounts[1], m_amounts[2], m_amounts[3]};
+    }
     bool dirty() const { return m_dirty; }
 
     // Planes, all CV_16UC1: y0 the first Y, y1 the second (brightened) Y, dr and db the
@@ -94,8 +96,8 @@ protected:
     // a cut-off T < -256 clears all of it; sigma still comes from the unlimited T.
     void computeLUT16U();
 
-    float m_amounts[4] = {};  // a0..a3, as given to setAmounts
-    bool m_dirty = false;     // set by setAmounts, cleared by computeLUT16U
+    float m_amounts[4] = {};               // a0..a3, as given to setAmounts
+    bool m_dirty = false;                  // set by setAmounts, cleared by computeLUT16U
     std::shared_ptr<std::uint8_t> m_work;  // 33 rows of 256 bytes, one per Y level
     int m_shift = 11;                      // a knot every 2048 codes
     float m_knotScale = 2047.96875f;       // code of knot step 1: knot 32 is 65535
