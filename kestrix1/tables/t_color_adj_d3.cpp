@@ -127,7 +127,8 @@ void TColorAdjD3::computeLUT16U() {
         std::uint8_t *const row = work + L * kRowBytes;
         for (int i = 0; i < kRowBytes; ++i)
             row[i] = std::uint8_t(i);
-        int T = int(a3 * r[5] * (m_fourth * float(L) + 64.0f));
+        int T =
+            int(std::clamp(a3 * r[5] * (m_fourth * float(L) + 64.0f), -16777216.0f, 16777216.0f));
         if (g > 1.0f) T = int(float(T) / g);
         if (T > 0) {
             int const n = std::min(T, kRowBytes - 1);

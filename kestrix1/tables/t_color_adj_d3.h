@@ -1,10 +1,10 @@
 // TColorAdjD3: a colour adjustment of the chroma planes through a 33 x 33 x 33 table.
 //
 // The table is indexed by (Y, Dr, Db) with a knot every 2048 codes and holds the new Dr and
-// Db of each knot. Three amounts warm or cool the colours by raising two of R, G and B at a
+// Db of each knot. Two amounts warm or cool the colours by raising two of R, G and B at a
 // time; a fourth lifts weak chroma to a floor or cuts it off, per Y level, through a
-// smoothed 8-bit tone row. proc first scales chroma by how much a second Y brightened the
-// first, then reads the table with trilinear interpolation.
+// smoothed 8-bit tone row, and a third narrows that floor. proc first scales chroma by how
+// much a second Y brightened the first, then reads the table with trilinear interpolation.
 //
 // Use: construct with the six ranges, setAmounts(...) per slider change, proc(...).
 #pragma once
@@ -93,7 +93,8 @@ protected:
     // (x, y) = (Dr1, Db1) - 32768 is scaled by s = min(4, (row[c] + 4) / (c + 4)) with
     // c = trunc(sqrt(2 (x^2 + y^2)) / 256) (row read at c limited to 255).
     // Our choice where T passes the row: a floor T > 255 reads entry 255 and fills the row,
-    // a cut-off T < -256 clears all of it; sigma still comes from the unlimited T.
+    // a cut-off T < -256 clears all of it; sigma still comes from the unlimited T, which is
+    // first held within -+2^24 so that absurd amounts cannot overflow the truncation.
     void computeLUT16U();
 
     float m_amounts[4] = {};               // a0..a3, as given to setAmounts
