@@ -7,12 +7,12 @@
 #include <cstring>
 #include <iostream>
 #include <limits>
-#include <opencv2/core/hal/hal.hpp>
 
 #include "kestrix1/frame/errors.h"
 #include "kestrix1/kernels/parallel.h"
 #include "kestrix1/kernels/px_geometry.h"
 #include "kestrix1/kernels/px_memory.h"
+#include "kestrix1/kernels/px_point.h"
 
 namespace {
 
@@ -38,19 +38,6 @@ constexpr int kTile = 512;
 // The make() of parallelChunks: each thread's own slice of a scratch block.
 auto threadScratch(float *block, std::size_t perThread) {
     return [block, perThread] { return block + perThread * std::size_t(omp_get_thread_num()); };
-}
-
-// dst = exp(src), through OpenCV's vector exponential on at least 32 elements at a time so
-// that every element takes the same code whatever the length of the run.
-void expRun(float const *src, float *dst, int n) {
-    if (n >= 32) {
-        cv::hal::exp32f(src, dst, n);
-    } else if (n > 0) {
-        float a[32] = {}, b[32];
-        std::memcpy(a, src, sizeof(float) * std::size_t(n));
-        cv::hal::exp32f(a, b, 32);
-        std::memcpy(dst, b, sizeof(float) * std::size_t(n));
-    }
 }
 
 // ---- linear resampling plans ---------------------------------------------------------------
@@ -560,7 +547,7 @@ void AFilter::build(std::vector<cv::Mat> const &f, std::vector<cv::Mat> const &g
                 }
                 for (int t = 0; t < W; ++t)
                     dist[t] *= kf;
-                expRun(dist, phiPlane.ptr<float>(y), W);
+                pxExpRun(dist, phiPlane.ptr<float>(y), W);
             }
         });
 
@@ -826,7 +813,7 @@ void AFilter::flush(std::vector<cv::Mat> const *in, std::vector<cv::Mat> *out) {
                            float const *md = minDist.ptr<float>(y);
                            for (int x = 0; x < cols; ++x)
                                alpha[x] = float(double(md[x]) * factor);
-                           expRun(alpha, alpha, cols);
+                           pxExpRun(alpha, alpha, cols);
                            float const *s0 = sum[0].ptr<float>(y);
                            for (int i = 0; i < n; ++i) {
                                float const *si = sum[i + 1].ptr<float>(y);

@@ -7,11 +7,11 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
-#include <opencv2/core/hal/hal.hpp>
 #include <type_traits>
 
 #include "kestrix1/frame/errors.h"
 #include "kestrix1/kernels/parallel.h"
+#include "kestrix1/kernels/px_point.h"
 
 namespace {
 
@@ -49,20 +49,6 @@ float nextSigma(float sigma, int i, int n) {
 // The exponent factor of the recursive weights, W = exp(D * factor).
 float weightFactor(float sigma) {
     return float(-kSqrt2 / double(sigma));
-}
-
-// dst = exp(src). OpenCV's vector exponential is used on at least 32 elements at a time so
-// that every element goes through the same code whatever the row or strip length: results
-// then do not depend on how the plane is cut between threads.
-void expRun(float const *src, float *dst, int n) {
-    if (n >= 32) {
-        cv::hal::exp32f(src, dst, n);
-    } else if (n > 0) {
-        float a[32] = {}, b[32];
-        std::memcpy(a, src, sizeof(float) * std::size_t(n));
-        cv::hal::exp32f(a, b, 32);
-        std::memcpy(dst, b, sizeof(float) * std::size_t(n));
-    }
 }
 
 // Calls f with std::integral_constant<int, ch> for the usual channel counts, with 0 (read the
@@ -240,7 +226,7 @@ void rowsPass(cv::Mat const &src, cv::Mat &dst, cv::Mat const &D, float factor, 
                 for (int x = 0; x < cols; ++x)
                     p[x] = d[x] * factor;
             }
-            expRun(prod, w, n * cols);
+            pxExpRun(prod, w, n * cols);
             float const *s[G];
             float *o[G];
             float const *wr[G];
@@ -286,7 +272,7 @@ void colsPass(cv::Mat &img, cv::Mat const &D, float factor, float *scratch, std:
                 for (int i = 0; i < n; ++i)
                     p[i] = d[i] * factor;
             }
-            expRun(prod + n, w + n, (rows - 1) * n);
+            pxExpRun(prod + n, w + n, (rows - 1) * n);
             for (int y = 1; y < rows; ++y) {
                 float *p = img.ptr<float>(y) + std::size_t(x0) * ch;
                 float const *q = img.ptr<float>(y - 1) + std::size_t(x0) * ch;

@@ -516,6 +516,16 @@ struct Pyramid {
             halve(in, out);
     }
 
+    // next doubled to `size` in the scratch plane, by OpenCV or by the shift-based steps.
+    Mat doubled(Mat const &next, cv::Size size) {
+        Mat u = scratch(cv::Rect(0, 0, size.width, size.height));
+        if (opencv)
+            cv::pyrUp(next, u, size, cv::BORDER_REFLECT101);
+        else
+            doubleSize(next, u, size);
+        return u;
+    }
+
     // out = a - up(next) + 32768; then, with blend, level blended with out as upper end.
     // With a table (the shift-based pyramid only), a is the plane before the remap.
     void laplacianLevel(Mat const &next, Mat const &a, Mat &out, Blend const *blend,
@@ -525,11 +535,7 @@ struct Pyramid {
             doubleCombine(next, &a, out, -1, blend, level, table);
             return;
         }
-        Mat u = scratch(cv::Rect(0, 0, a.cols, a.rows));
-        if (opencv)
-            cv::pyrUp(next, u, a.size(), cv::BORDER_REFLECT101);
-        else
-            doubleSize(next, u, a.size());
+        Mat const u = doubled(next, a.size());
         eachRow(a.rows, a.total(), [&](int y) {
             bool const b = blend != nullptr;
             combineRow(a.ptr<u16>(y), table, u.ptr<u16>(y), out.ptr<u16>(y), a.cols, -1, blend,
@@ -546,11 +552,7 @@ struct Pyramid {
             doubleCombine(next, &a, out, +1, nullptr, nullptr);
             return;
         }
-        Mat u = scratch(cv::Rect(0, 0, a.cols, a.rows));
-        if (opencv)
-            cv::pyrUp(next, u, a.size(), cv::BORDER_REFLECT101);
-        else
-            doubleSize(next, u, a.size());
+        Mat const u = doubled(next, a.size());
         offsetSum(a, u, out, +1);
     }
 

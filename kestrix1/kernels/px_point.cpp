@@ -1,10 +1,12 @@
 #include "kestrix1/kernels/px_point.h"
 
 #include <algorithm>
+#include <cstring>
 #include <limits>
 #include <vector>
 
 #include <opencv2/core.hpp>
+#include <opencv2/core/hal/hal.hpp>
 
 #include "kestrix1/kernels/parallel.h"
 #include "kestrix1/kernels/px_view.h"
@@ -390,4 +392,15 @@ PxStatus pxLutLinear(std::int16_t const *src, int srcStep, std::int16_t *dst, in
                      IppiSize size, int const *const values[3], int const *const levels[3],
                      int const nLevels[3]) {
     return lutLinearImpl(src, srcStep, dst, dstStep, size, 3, values, levels, nLevels);
+}
+
+void pxExpRun(float const *src, float *dst, int n) {
+    if (n >= 32) {
+        cv::hal::exp32f(src, dst, n);
+    } else if (n > 0) {
+        float a[32] = {}, b[32];
+        std::memcpy(a, src, sizeof(float) * std::size_t(n));
+        cv::hal::exp32f(a, b, 32);
+        std::memcpy(dst, b, sizeof(float) * std::size_t(n));
+    }
 }

@@ -95,3 +95,9 @@ PxStatus pxLutLinear(std::uint16_t const *src, int srcStep, std::uint16_t *dst, 
 PxStatus pxLutLinear(std::int16_t const *src, int srcStep, std::int16_t *dst, int dstStep,
                      IppiSize size, int const *const values[3], int const *const levels[3],
                      int const nLevels[3]);
+
+// dst = exp(src) over n floats (src and dst may be one run). OpenCV's vector exponential is
+// used on at least 32 elements at a time, so that every element goes through the same code
+// whatever the length of the run: results do not depend on how a plane is cut into rows,
+// strips or thread shares.
+void pxExpRun(float const *src, float *dst, int n);
