@@ -39,6 +39,7 @@
 #include "kestrix1/image/t_image.h"
 #include "kestrix1/image/tp_image.h"
 #include "kestrix1/tables/mc_spline.h"
+#include "kestrix1/tables/selective_color_filter.h"
 #include "kestrix1/tables/t_color_adj_d3.h"
 #include "kestrix1/tables/t_light_adj_lut_d3.h"
 #include "kestrix1/tables/t_lut1d.h"

@@ -10,6 +10,7 @@ packages=(
   liblcms2-dev libsuitesparse-dev
   libgtest-dev libbenchmark-dev gcovr
   libcli11-dev
+  libsleef-dev
 )
 
 missing=()
