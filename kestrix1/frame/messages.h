@@ -21,3 +21,7 @@ inline constexpr char const kxTimeBuildPyramidSimple[] =
     "time to build pyramid using simple method: ";
 inline constexpr char const kxTimeReconstruct[] = "time to reconstruct: ";
 inline constexpr char const kxTimeColorAdjLut[] = "time to compute LUT for color adj: ";
+
+// Errors shared by the pixel paths of the selective colour filter.
+inline constexpr char const kxErrSelectivePlanes[] =
+    "ERROR - SelectiveColorFilter - planes must be CV_16UC1 of one size";
