@@ -4,12 +4,14 @@
 #include <string>
 #include <vector>
 
+#include "cli/color_command.h"
 #include "cli/detail_command.h"
 #include "cli/frame.h"
 #include "cli/local_command.h"
 #include "cli/smooth_command.h"
 
 int main(int argc, char **argv) {
-    std::vector<Command const *> const commands = {&detailCommand, &smoothCommand, &localCommand};
+    std::vector<Command const *> const commands = {&detailCommand, &smoothCommand, &localCommand,
+                                                    &colorCommand};
     return runKestrix(commands, std::vector<std::string>(argv + 1, argv + argc), KESTRIX_VERSION);
 }
