@@ -277,8 +277,8 @@ void readFamilies(std::string const &option, std::string const &value, float *am
         std::size_t const equals = entry.find('=');
         int const family = equals == std::string::npos ? -1 : familyOf(entry.substr(0, equals));
         std::vector<double> number;
-        if (family < 0 || !commaSeparated(entry.substr(equals + 1), number) ||
-            number[0] < -1.0 || number[0] > 1.0)
+        if (family < 0 || !commaSeparated(entry.substr(equals + 1), number) || number[0] < -1.0 ||
+            number[0] > 1.0)
             badValue(option, value, kFamilyExpected);
         read[family] = float(number[0]);
         if (comma == std::string::npos) break;
@@ -334,8 +334,9 @@ void addColorOptions(CLI::App &app, ColorSettings &s) {
                "it (towards blue and cyan)",
                &s.warmth, 1, 1, -1.0f, 1.0f)
         ->group("Colour table");
-    addNumbers(app, "--tint", "T", "-1 .. 1: positive tints towards magenta, negative towards green",
-               &s.tint, 1, 1, -1.0f, 1.0f)
+    addNumbers(app, "--tint", "T",
+               "-1 .. 1: positive tints towards magenta, negative towards green", &s.tint, 1, 1,
+               -1.0f, 1.0f)
         ->group("Colour table");
     addNumbers(app, "--chroma-floor", "F",
                "-1 .. 1: positive lifts weak colours towards a floor (muted colours gain up to "
@@ -351,6 +352,6 @@ void addColorOptions(CLI::App &app, ColorSettings &s) {
     app.final_callback([&s] { resolveColor(s); });
 }
 
-Command const colorCommand = commandOf<ColorSettings>(
-    "color", "change hue, saturation and lightness per colour family", kAbout, kFooter,
-    addColorOptions, runColor);
+Command const colorCommand =
+    commandOf<ColorSettings>("color", "change hue, saturation and lightness per colour family",
+                             kAbout, kFooter, addColorOptions, runColor);
