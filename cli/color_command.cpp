@@ -256,6 +256,8 @@ void runColor(ColorSettings const &s, Job &job) {
         job.time("time to change the colour families: ", watch);
     }
     if (s.table) {
+        // Warmth and tint colour a grey photograph too, so it is written in colour.
+        job.photo().grey = false;
         Stopwatch watch;
         progress.start(1.0f - familyShare);
         applyTable(s, y0, image);
