@@ -40,7 +40,8 @@ constexpr float kDen[kFamilies] = {-1256, -628, -628, -1236, -1570, -942};
 // it off there; --chroma-floor-narrow 1 halves that floor.
 constexpr float kWarmth = 0.3f, kTint = 0.3f, kNarrowest = 2.0f, kFloor = 0.25f;
 
-constexpr int kCubic = 4;  // the library's method number of cubic resampling
+constexpr int kCubic = 4;       // the library's method number of cubic resampling
+constexpr int kBandRows = 64;  // rows converted to and from hue, lightness and saturation at once
 
 char const kFamilyExpected[] =
     "FAMILY=AMOUNT[,FAMILY=AMOUNT...] with FAMILY red, yellow, green, cyan, blue, magenta or "
@@ -178,48 +179,53 @@ void setupFamilyTables(SelectiveColorFilter &filter) {
     filter.setupLUT16U(SelectiveColorFilter::kSlots, mult, centre);
 }
 
-// The photograph as a packed 16-bit hue, lightness, saturation image (hue, saturation, value
-// with `hsv`), hue coded 0..65535 for 0..360 degrees. OpenCV converts 8-bit and float pixels
-// only, so 16-bit files go through float, which keeps them whole.
-cv::Mat toPacked(cv::Mat const &bgr, bool hsv) {
-    cv::Mat f, h, packed;
-    bgr.convertTo(f, CV_32F, bgr.depth() == CV_8U ? 1.0 / 255.0 : 1.0 / 65535.0);
-    cv::cvtColor(f, h, hsv ? cv::COLOR_BGR2HSV : cv::COLOR_BGR2HLS);
-    cv::multiply(h, cv::Scalar(65535.0 / 360.0, 65535.0, 65535.0), h);
-    h.convertTo(packed, CV_16U);
-    return packed;
+// Pixels of `bgr` as packed 16-bit hue, lightness, saturation (hue, saturation, value with
+// `hsv`) in `packed`, hue coded 0..65535 for 0..360 degrees; `work` is float scratch. OpenCV
+// converts 8-bit and float pixels only, so 16-bit files go through float, which keeps them
+// whole.
+void toPacked(cv::Mat const &bgr, bool hsv, cv::Mat &work, cv::Mat &packed) {
+    bgr.convertTo(work, CV_32F, bgr.depth() == CV_8U ? 1.0 / 255.0 : 1.0 / 65535.0);
+    cv::cvtColor(work, work, hsv ? cv::COLOR_BGR2HSV : cv::COLOR_BGR2HLS);
+    cv::multiply(work, cv::Scalar(65535.0 / 360.0, 65535.0, 65535.0), work);
+    work.convertTo(packed, CV_16U);
 }
 
-// Back from toPacked's coding to BGR at `depth`.
-cv::Mat fromPacked(cv::Mat const &packed, bool hsv, int depth) {
-    cv::Mat h, f, bgr;
-    packed.convertTo(h, CV_32F);
-    cv::multiply(h, cv::Scalar(360.0 / 65535.0, 1.0 / 65535.0, 1.0 / 65535.0), h);
-    cv::cvtColor(h, f, hsv ? cv::COLOR_HSV2BGR : cv::COLOR_HLS2BGR);
-    f.convertTo(bgr, depth, depth == CV_8U ? 255.0 : 65535.0);
-    return bgr;
+// Back from toPacked's coding into `bgr`, allocated at its depth.
+void fromPacked(cv::Mat const &packed, bool hsv, cv::Mat &work, cv::Mat &bgr) {
+    packed.convertTo(work, CV_32F);
+    cv::multiply(work, cv::Scalar(360.0 / 65535.0, 1.0 / 65535.0, 1.0 / 65535.0), work);
+    cv::cvtColor(work, work, hsv ? cv::COLOR_HSV2BGR : cv::COLOR_HLS2BGR);
+    work.convertTo(bgr, bgr.depth(), bgr.depth() == CV_8U ? 255.0 : 65535.0);
 }
 
-// The families in hue, lightness and saturation (or value): the packed image changed by the
-// table path and converted back into a working image, whose Dr and Db (and Y only when a
-// lightness is asked for) replace the photograph's. A hue amount of 1 is a half-turn, as in
-// the working-space path, where the table path counts a whole turn: hence the halves.
-void adjustPacked(ColorSettings const &s, cv::Mat const &bgr, TPImage &image) {
+// The families in hue, lightness and saturation (or value): the photograph converted, changed
+// by the table path and converted back band by band (which keeps the float scratch small and
+// lets the bar move), then into a working image whose Dr and Db (and Y only when a lightness
+// is asked for) replace the photograph's. A hue amount of 1 is a half-turn, as in the
+// working-space path, where the table path counts a whole turn: hence the halves.
+void adjustPacked(ColorSettings const &s, cv::Mat const &bgr, TPImage &image, TProgress &progress) {
     bool const hsv = s.space == Space::hsv;
-    cv::Mat packed = toPacked(bgr, hsv), hue;
-    cv::extractChannel(packed, hue, 0);
     SelectiveColorFilter filter;
     setupFamilyTables(filter);
     Params const lightness = setOf(s.lightness, 1.0f), saturation = setOf(s.saturation, 1.0f),
                  turn = setOf(s.hue, 0.5f);
-    if (hsv)
-        filter.procInHSVSpace(packed, hue, cv::Mat(), lightness, saturation, turn,
-                              overallOf(s, 0.5f));
-    else
-        filter.procInHLSSpace(packed, hue, cv::Mat(), lightness, saturation, turn,
-                              overallOf(s, 0.5f));
+    cv::Mat out(bgr.size(), bgr.type()), work, packed, hue;
+    for (int top = 0; top < bgr.rows; top += kBandRows) {
+        cv::Range const rows(top, std::min(bgr.rows, top + kBandRows));
+        toPacked(bgr.rowRange(rows), hsv, work, packed);
+        cv::extractChannel(packed, hue, 0);
+        if (hsv)
+            filter.procInHSVSpace(packed, hue, cv::Mat(), lightness, saturation, turn,
+                                  overallOf(s, 0.5f));
+        else
+            filter.procInHLSSpace(packed, hue, cv::Mat(), lightness, saturation, turn,
+                                  overallOf(s, 0.5f));
+        cv::Mat band = out.rowRange(rows);
+        fromPacked(packed, hsv, work, band);
+        if (!progress.prog(rows.end, bgr.rows)) throw FileError("cancelled");
+    }
     TPImage result;
-    fillWorkingImage(fromPacked(packed, hsv, bgr.depth()), result);
+    fillWorkingImage(out, result);
     image.m_Dr = result.m_Dr;
     image.m_Db = result.m_Db;
     if (s.lightens) image.m_Y = result.m_Y;
@@ -251,7 +257,7 @@ void runColor(ColorSettings const &s, Job &job) {
         if (s.space == Space::ydrdb)
             adjustInYDrDb(s, image);
         else
-            adjustPacked(s, job.photo().bgr, image);
+            adjustPacked(s, job.photo().bgr, image, progress);
         if (!progress.end()) throw FileError("cancelled");
         job.time("time to change the colour families: ", watch);
     }
