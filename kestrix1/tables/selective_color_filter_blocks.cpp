@@ -33,14 +33,12 @@ void prepareOut(Planes const &in, Planes &out) {
             out[i].create(in[0].size(), CV_16UC1);
 }
 
-// The guide's part under a block: rect (x, y, w, h) copied to the block's top left and its
-// last row and column repeated to the block's size, as the blocks themselves are filled
-// (the blocks here have no border).
-Mat guideBlock(Mat const &guide, int const *rect, cv::Size block) {
-    Mat part = guide(cv::Rect(rect[0], rect[1], rect[2], rect[3])), out;
-    cv::copyMakeBorder(part, out, 0, block.height - rect[3], 0, block.width - rect[2],
-                       cv::BORDER_REPLICATE);
-    return out;
+// The guide's part under a block into out: rect (x, y, w, h) copied to the block's top left
+// and its last row and column repeated to the block's size, as the blocks themselves are
+// filled (the blocks here have no border).
+void guideBlock(Mat const &guide, int const *rect, cv::Size block, Mat &out) {
+    cv::copyMakeBorder(guide(cv::Rect(rect[0], rect[1], rect[2], rect[3])), out, 0,
+                       block.height - rect[3], 0, block.width - rect[2], cv::BORDER_REPLICATE);
 }
 
 // Runs work(blocks, rect) over the tiles of in into out; the work changes the block
@@ -60,17 +58,20 @@ void eachTile(Planes &in, Planes &out, int overlap, Work &&work) {
 
 // The domain-transform tile loop of compute3, compute4 and compute5: each plane enters as
 // value alpha[i] + beta and leaves as (result - beta) / alpha[i]; the guide, when given,
-// enters as value gAlpha + gBeta.
+// enters as value gAlpha + gBeta. The float planes live across tiles, which are nearly all
+// of one size, so they are allocated once.
 void dtTiles(Planes &in, Planes *guide, Planes &out, float const alpha[3], float beta,
              float gAlpha, float gBeta, DTFilter &filter) {
+    Planes f(3), g(3);
+    Mat merged, guideMerged, result, part;
     eachTile(in, out, 32, [&](Planes &tile, int const *rect) {
-        Planes f(3), g(3);
         for (int i = 0; i < 3; ++i) tile[i].convertTo(f[i], CV_32F, alpha[i], beta);
-        Mat merged, guideMerged, result;
         cv::merge(f, merged);
         if (guide) {
-            for (int i = 0; i < 3; ++i)
-                guideBlock((*guide)[i], rect, tile[i].size()).convertTo(g[i], CV_32F, gAlpha, gBeta);
+            for (int i = 0; i < 3; ++i) {
+                guideBlock((*guide)[i], rect, tile[i].size(), part);
+                part.convertTo(g[i], CV_32F, gAlpha, gBeta);
+            }
             cv::merge(g, guideMerged);
             filter.proc(merged, guideMerged, result, 0);
         } else {
@@ -94,14 +95,14 @@ bool SelectiveColorFilter::compute2(Planes &in, float *const scale, Planes &out,
     int const r = int(radius);
     float const e = eps / 65535.0f;
     float const unit = 1.0f / 65536.0f;
+    Planes guides(3);
+    Mat filtered;
     eachTile(in, out, 0, [&](Planes &tile, int const *) {
-        Planes guides(3);
         tile[0].convertTo(guides[0], CV_32F, unit);
         for (int i = 1; i < 3; ++i)
             tile[i].convertTo(guides[i], CV_32F, scale[i] * unit,
                               (32768.0f - 32768.0f * scale[i]) * unit);
         for (int i = 1; i < 3; ++i) {
-            Mat filtered;
             m_gf.setup(guides, guides[i], r, e);
             m_gf.proc16U(guides, filtered);
             filtered.convertTo(tile[i], CV_16U, 1.0 / scale[i], 32768.0 - 32768.0 / scale[i]);
