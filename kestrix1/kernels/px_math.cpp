@@ -113,7 +113,8 @@ struct Scalar {
 template <int W, class T, class F>
 void unary(T const *src, T *dst, int n, F f) {
     int i = 0;
-    for (; i + W <= n; i += W) f(src + i, dst + i);
+    for (; i + W <= n; i += W)
+        f(src + i, dst + i);
     if (i < n) {
         T a[W] = {}, b[W];
         std::memcpy(a, src + i, sizeof(T) * unsigned(n - i));
@@ -126,7 +127,8 @@ template <class Ops>
 void powRun(float const *x, float const *y, float *dst, int n) {
     constexpr int W = Ops::kFloats;
     int i = 0;
-    for (; i + W <= n; i += W) Ops::pow(x + i, y + i, dst + i);
+    for (; i + W <= n; i += W)
+        Ops::pow(x + i, y + i, dst + i);
     if (i < n) {
         float a[W] = {}, b[W] = {}, c[W];
         std::memcpy(a, x + i, sizeof(float) * unsigned(n - i));
@@ -140,7 +142,8 @@ template <class Ops>
 void sinCosRun(double const *src, double *sn, double *cs, int n) {
     constexpr int W = Ops::kDoubles;
     int i = 0;
-    for (; i + W <= n; i += W) Ops::sincos(src + i, sn + i, cs + i);
+    for (; i + W <= n; i += W)
+        Ops::sincos(src + i, sn + i, cs + i);
     if (i < n) {
         double a[W] = {}, s[W], c[W];
         std::memcpy(a, src + i, sizeof(double) * unsigned(n - i));

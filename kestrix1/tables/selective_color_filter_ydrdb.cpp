@@ -1,11 +1,13 @@
 // SelectiveColorFilter's paths on Y, Dr, Db planes: proc in its four forms and proc2.
 //
-// Each pixel needs six exponentials for its hue weights, one or two powers and a turn of its
-// chroma, so a row is worked in chunks of up to kChunk pixels, one pass per kind of work:
-// plain arithmetic passes that the compiler vectorises (with an AVX2 clone), and runs of
-// SLEEF's vector functions through px_math between them. Every pixel goes through the same
-// code wherever it lies in its chunk, so results never depend on the width, the row step or
-// the number of threads.
+// A pixel needs six exponentials for its hue weights, one or two powers and a turn of its
+// chroma. A row is worked in chunks of up to kChunk pixels, one pass per kind of work: plain
+// arithmetic passes that the compiler vectorises (with an AVX2 clone), and runs of SLEEF's
+// vector functions through px_math between them. What follows from the hue code alone (the
+// weighted sums, the chroma gain, the turn's sine and cosine) is, on large planes, worked
+// out once for all 65536 codes by the same passes and then looked up. Every value goes
+// through the same code wherever it lies, so results never depend on the plane's size, its
+// row step or the number of threads.
 #include "kestrix1/tables/selective_color_filter.h"
 
 #include <algorithm>
@@ -25,7 +27,8 @@ namespace {
 using u16 = std::uint16_t;
 using Set = SelectiveColorFilter::SelectiveColorParameters;
 
-constexpr char const kErrProcPlanes[] = "ERROR - SelectiveColorFilter::proc - need Y, Dr, Db planes";
+constexpr char const kErrProcPlanes[] =
+    "ERROR - SelectiveColorFilter::proc - need Y, Dr, Db planes";
 constexpr char const kErrProcFurther[] =
     "ERROR - SelectiveColorFilter::proc - need a further plane";
 constexpr char const kErrProc2Planes[] =
@@ -51,7 +54,8 @@ struct Sum {
 
 Sum sumOf(Set const &s) {
     Sum r;
-    for (int k = 0; k < 6; ++k) r.c[k] = s[kSlotOf[k]];
+    for (int k = 0; k < 6; ++k)
+        r.c[k] = s[kSlotOf[k]];
     return r;
 }
 
@@ -64,15 +68,19 @@ struct Plan {
     bool family = false;  // chroma scaled on the radius instead of by 2^sum after truncation
 };
 
+// What a pixel needs of its hue code, kQ runs of doubles: the tone sum, the further plane's
+// sum, the chroma gain (2^sum; in the family form 1 + s or 8^s), and the turn's sine and
+// cosine. Each is a function of the code alone.
+constexpr int kQ = 5;
+
 // Scratch of one thread for one chunk; runs of np (a multiple of kPad) values.
 struct Scratch {
-    std::vector<u16> in = std::vector<u16>(6 * kChunk);  // hue, weight, Y, Dr, Db, further
+    std::vector<u16> in = std::vector<u16>(6 * kChunk);      // hue, weight, Y, Dr, Db, further
     std::vector<float> m = std::vector<float>(6 * kChunk);   // weights, family by family
-    std::vector<float> e = std::vector<float>(3 * kChunk);   // 2^ arguments: tone, chroma, further
+    std::vector<float> e = std::vector<float>(2 * kChunk);   // 2^ arguments
     std::vector<float> px = std::vector<float>(2 * kChunk);  // pow bases, then results
     std::vector<float> pe = std::vector<float>(2 * kChunk);  // pow exponents
-    // Sums of tone, chroma, turn and further, then the turn's sine and cosine.
-    std::vector<double> d = std::vector<double>(6 * kChunk);
+    std::vector<double> q = std::vector<double>(kQ * kChunk);
 };
 
 // Round to nearest, ties to even, and saturate to 0..65535: adding and removing 1.5 x 2^23
@@ -113,31 +121,62 @@ void weightArgs(float const *centre, float const *den, u16 const *code, float *h
 KX_VECTOR_CLONES
 void weightedSum(Sum const &s, float const *m, double *acc, int np) {
     double const c0 = s.c[0], add = s.add;
-    for (int i = 0; i < np; ++i) acc[i] = c0 * double(m[i]);
+    for (int i = 0; i < np; ++i)
+        acc[i] = c0 * double(m[i]);
     for (int k = 1; k < 6; ++k) {
         double const c = s.c[k];
         float const *const mk = m + k * np;
-        for (int i = 0; i < np; ++i) acc[i] += c * double(mk[i]);
+        for (int i = 0; i < np; ++i)
+            acc[i] += c * double(mk[i]);
     }
-    for (int i = 0; i < np; ++i) acc[i] += add;
+    for (int i = 0; i < np; ++i)
+        acc[i] += add;
 }
 
-// From the sums (tone, chroma, turn and further in d, run by run): arguments of 2^ for the
-// tone and further exponents 4^(-1.8 S w) and for the chroma gain, and the turn pi S in
-// place of its sum. The family form's chroma gain is 1 + s above 0 and 8^s below.
+// The chroma sum's argument of 2^ (in the family form 3 min(s, 0), for 8^s), and the turn
+// pi S in place of its sum.
 KX_VECTOR_CLONES
-void exponents(double *d, u16 const *wt, float *e, bool family, bool further, int np) {
+void gainArgs(double *chroma, double *turn, float *e, bool family, int np) {
     for (int i = 0; i < np; ++i) {
-        double const w = double(wt[i]) / 65535.0, s = d[np + i];
-        e[i] = float(2.0 * -(1.8 * d[i] * w));
-        e[np + i] = family ? float(3.0 * std::min(s, 0.0)) : float(s);
-        d[2 * np + i] *= kPi;
+        double const s = chroma[i];
+        e[i] = family ? float(3.0 * std::min(s, 0.0)) : float(s);
+        turn[i] *= kPi;
     }
+}
+
+// The gain from 2^ of its argument: 2^S, or in the family form 1 + s above 0 and 8^s below.
+KX_VECTOR_CLONES
+void gains(double *chroma, float const *e, bool family, int np) {
+    for (int i = 0; i < np; ++i) {
+        double const s = chroma[i];
+        chroma[i] = family && s > 0.0 ? 1.0 + s : double(e[i]);
+    }
+}
+
+// The per-code quantities of np codes into s.q.
+void codeQuantities(Plan const &p, u16 const *code, Scratch &s, int np) {
+    float *const m = s.m.data(), *const e = s.e.data();
+    double *const q = s.q.data();
+    weightArgs(p.centre, p.den, code, s.px.data(), m, np);
+    pxMathExp(m, m, 6 * np);
+    weightedSum(p.tone, m, q, np);
+    if (p.hasFurther) weightedSum(p.further, m, q + np, np);
+    weightedSum(p.chroma, m, q + 2 * np, np);
+    weightedSum(p.turn, m, q + 3 * np, np);
+    gainArgs(q + 2 * np, q + 3 * np, e, p.family, np);
+    pxMathExp2(e, e, np);
+    gains(q + 2 * np, e, p.family, np);
+    pxMathSinCos(q + 3 * np, q + 3 * np, q + 4 * np, np);
+}
+
+// Arguments of 2^ for the tone and further exponents 4^(-1.8 S w).
+KX_VECTOR_CLONES
+void exponents(double const *q, u16 const *wt, float *e, bool further, int np) {
+    for (int i = 0; i < np; ++i)
+        e[i] = float(2.0 * -(1.8 * q[i] * (double(wt[i]) / 65535.0)));
     if (further)
-        for (int i = 0; i < np; ++i) {
-            double const w = double(wt[i]) / 65535.0;
-            e[2 * np + i] = float(2.0 * -(1.8 * d[3 * np + i] * w));
-        }
+        for (int i = 0; i < np; ++i)
+            e[np + i] = float(2.0 * -(1.8 * q[np + i] * (double(wt[i]) / 65535.0)));
 }
 
 // Bases and exponents of the powers: Y / 65535, and |c| of the further plane. An exponent
@@ -151,14 +190,15 @@ void powArgs(u16 const *Y, u16 const *F, float const *e, float *px, float *pe, i
     if (F != nullptr)
         for (int i = 0; i < np; ++i) {
             px[np + i] = std::fabs(float(F[i]) - 32768.0f) / 65535.0f;
-            pe[np + i] = std::max(e[2 * np + i], FLT_MIN);
+            pe[np + i] = std::max(e[np + i], FLT_MIN);
         }
 }
 
 // Y = 65535 Y^e, the further plane 65535 sign(c) |c|^e + 32768.
 KX_VECTOR_CLONES
 void applyTone(float const *p, u16 const *F, u16 *oY, u16 *oF, int n, int np) {
-    for (int i = 0; i < n; ++i) oY[i] = u16(round16(65535.0f * p[i]));
+    for (int i = 0; i < n; ++i)
+        oY[i] = u16(round16(65535.0f * p[i]));
     if (oF != nullptr)
         for (int i = 0; i < n; ++i) {
             float const v = 65535.0f * p[np + i];
@@ -182,7 +222,7 @@ inline int floorTo16(double v) {
 // + (b / 32768)^2) 32768, then rescales the result. Turned values are truncated into 16
 // bits (floorTo16) and scaled from 32768 by the gain g.
 KX_VECTOR_CLONES
-void applyTurn(u16 const *Dr, u16 const *Db, double const *sn, double const *cs, float const *g,
+void applyTurn(u16 const *Dr, u16 const *Db, double const *sn, double const *cs, double const *gain,
                u16 *oDr, u16 *oDb, int n) {
     for (int i = 0; i < n; ++i) {
         int const ia = Dr[i] - 32768, ib = Db[i] - 32768;
@@ -192,78 +232,125 @@ void applyTurn(u16 const *Dr, u16 const *Db, double const *sn, double const *cs,
         double const q = r > 0.0 ? double(rf) / r : 0.0;
         int const r1 = floorTo16(q * (a * cs[i] + b * sn[i]));
         int const b1 = floorTo16(q * (b * cs[i] - a * sn[i]));
-        oDr[i] = u16(round16(float(r1 - 32768) * g[i] + 32768.0f));
-        oDb[i] = u16(round16(float(b1 - 32768) * g[i] + 32768.0f));
+        float const g = float(gain[i]);
+        oDr[i] = u16(round16(float(r1 - 32768) * g + 32768.0f));
+        oDb[i] = u16(round16(float(b1 - 32768) * g + 32768.0f));
     }
 }
 
-// The family form: the radius scaled by 1 + s (s > 0) or by 8^s, then turned, and rounded.
+// The family form: the radius scaled by the gain k, then turned, and rounded.
 KX_VECTOR_CLONES
 void applyFamily(u16 const *Dr, u16 const *Db, double const *sn, double const *cs,
-                 double const *s, float const *g8, u16 *oDr, u16 *oDb, int n) {
+                 double const *gain, u16 *oDr, u16 *oDb, int n) {
     for (int i = 0; i < n; ++i) {
         int const ia = Dr[i] - 32768, ib = Db[i] - 32768;
         float const fa = float(ia) / 32768.0f, fb = float(ib) / 32768.0f;
         float const rf = std::sqrt(fa * fa + fb * fb) * 32768.0f;
         double const a = ia, b = ib, r = std::sqrt(a * a + b * b);
-        double const k = s[i] > 0.0 ? 1.0 + s[i] : double(g8[i]);
-        double const q = r > 0.0 ? double(rf) * k / r : 0.0;
+        double const q = r > 0.0 ? double(rf) * gain[i] / r : 0.0;
         oDr[i] = u16(round16(q * (a * cs[i] + b * sn[i]) + 32768.0));
         oDb[i] = u16(round16(q * (b * cs[i] - a * sn[i]) + 32768.0));
     }
 }
 
+// One chunk's rows: hue, weight, then Y, Dr, Db and the further plane in and out (the
+// further plane null when there is none; out may be in).
 struct Rows {
-    u16 const *hue, *weight;
-    u16 *Y, *Dr, *Db, *F;  // F null without a further plane
+    u16 const *in[6];
+    u16 *out[4];
 };
 
-void runChunk(Plan const &p, Scratch &s, Rows const &r, int n) {
+// One chunk of n pixels; their per-code quantities are read from the table when there is
+// one, else computed here.
+void runChunk(Plan const &p, double const *table, Scratch &s, Rows const &r, int n) {
     int const np = (n + kPad - 1) / kPad * kPad;
     u16 *const in = s.in.data();
-    u16 const *const srcs[6] = {r.hue, r.weight, r.Y, r.Dr, r.Db, r.F};
     for (int j = 0; j < 6; ++j) {
+        u16 const *const src = r.in[j];
         u16 *const dst = in + j * np;
-        if (srcs[j] != nullptr) std::copy(srcs[j], srcs[j] + n, dst);
-        std::fill(dst + (srcs[j] != nullptr ? n : 0), dst + np, u16(j == 3 || j == 4 ? 32768 : 0));
+        if (src != nullptr) std::copy(src, src + n, dst);
+        std::fill(dst + (src != nullptr ? n : 0), dst + np, u16(j == 3 || j == 4 ? 32768 : 0));
     }
     u16 const *const hue = in, *const wt = in + np, *const Y = in + 2 * np, *const Dr = in + 3 * np,
                      *const Db = in + 4 * np, *const F = p.hasFurther ? in + 5 * np : nullptr;
-    float *const m = s.m.data(), *const e = s.e.data(), *const px = s.px.data();
-    double *const d = s.d.data();
+    float *const e = s.e.data(), *const px = s.px.data();
+    double *const q = s.q.data();
 
-    weightArgs(p.centre, p.den, hue, px, m, np);
-    pxMathExp(m, m, 6 * np);
-    weightedSum(p.tone, m, d, np);
-    weightedSum(p.chroma, m, d + np, np);
-    weightedSum(p.turn, m, d + 2 * np, np);
-    if (p.hasFurther) weightedSum(p.further, m, d + 3 * np, np);
-    exponents(d, wt, e, p.family, p.hasFurther, np);
-    pxMathExp2(e, e, (p.hasFurther ? 3 : 2) * np);
-    pxMathSinCos(d + 2 * np, d + 4 * np, d + 5 * np, np);
+    if (table != nullptr) {
+        for (int i = 0; i < np; ++i)
+            for (int j = 0; j < kQ; ++j)
+                q[j * np + i] = table[hue[i] * kQ + j];
+    } else {
+        codeQuantities(p, hue, s, np);
+    }
+    exponents(q, wt, e, p.hasFurther, np);
+    pxMathExp2(e, e, (p.hasFurther ? 2 : 1) * np);
     powArgs(Y, F, e, px, s.pe.data(), np);
     pxMathPow(px, s.pe.data(), px, (p.hasFurther ? 2 : 1) * np);
 
-    applyTone(px, F, r.Y, r.F, n, np);
+    applyTone(px, F, r.out[0], r.out[3], n, np);
     if (p.family)
-        applyFamily(Dr, Db, d + 4 * np, d + 5 * np, d + np, e + np, r.Dr, r.Db, n);
+        applyFamily(Dr, Db, q + 3 * np, q + 4 * np, q + 2 * np, r.out[1], r.out[2], n);
     else
-        applyTurn(Dr, Db, d + 4 * np, d + 5 * np, e + np, r.Dr, r.Db, n);
+        applyTurn(Dr, Db, q + 3 * np, q + 4 * np, q + 2 * np, r.out[1], r.out[2], n);
 }
 
-void run(Plan const &p, cv::Mat &Y, cv::Mat &Dr, cv::Mat &Db, cv::Mat *F, cv::Mat const &hue,
-         cv::Mat const &weight) {
-    int const cols = Y.cols;
-    parallelBands(Y.rows, std::int64_t(Y.total()) * 64, [&](int y0, int y1) {
+// Planes of at least this many pixels read their per-code quantities from a table of all
+// 65536 codes, made first: it costs about as much as that many pixels.
+constexpr std::int64_t kTableFrom = std::int64_t(1) << 17;
+
+// The per-code quantities of every code, kQ doubles per code.
+std::vector<double> codeTable(Plan const &p) {
+    std::vector<double> table(std::size_t(65536) * kQ);
+    int const chunks = 65536 / kChunk;
+    parallelBands(chunks, std::int64_t(65536) * 64, [&](int c0, int c1) {
+        Scratch s;
+        u16 codes[kChunk];
+        for (int c = c0; c < c1; ++c) {
+            for (int i = 0; i < kChunk; ++i)
+                codes[i] = u16(c * kChunk + i);
+            codeQuantities(p, codes, s, kChunk);
+            double *const out = table.data() + std::size_t(c) * kChunk * kQ;
+            for (int i = 0; i < kChunk; ++i)
+                for (int j = 0; j < kQ; ++j)
+                    out[i * kQ + j] = s.q[j * kChunk + i];
+        }
+    });
+    return table;
+}
+
+// The planes of in (Y, Dr, Db and, for the four-set form, the further plane) through the
+// plan into out, which the caller has made at their size (or which is in).
+void run(Plan const &p, std::vector<cv::Mat> const &in, std::vector<cv::Mat> &out,
+         cv::Mat const &hue, cv::Mat const &weight) {
+    int const rows = hue.rows, cols = hue.cols, planes = p.hasFurther ? 4 : 3;
+    std::int64_t const pixels = std::int64_t(rows) * cols;
+    std::vector<double> const table = pixels >= kTableFrom ? codeTable(p) : std::vector<double>();
+    double const *const t = table.empty() ? nullptr : table.data();
+    parallelBands(rows, pixels * 64, [&](int y0, int y1) {
         Scratch s;
         for (int y = y0; y < y1; ++y)
             for (int x = 0; x < cols; x += kChunk) {
-                Rows const r{hue.ptr<u16>(y) + x, weight.ptr<u16>(y) + x, Y.ptr<u16>(y) + x,
-                             Dr.ptr<u16>(y) + x, Db.ptr<u16>(y) + x,
-                             F != nullptr ? F->ptr<u16>(y) + x : nullptr};
-                runChunk(p, s, r, std::min(kChunk, cols - x));
+                Rows r{{hue.ptr<u16>(y) + x, weight.ptr<u16>(y) + x}, {}};
+                for (int j = 0; j < planes; ++j) {
+                    r.in[2 + j] = in[j].ptr<u16>(y) + x;
+                    r.out[j] = out[j].ptr<u16>(y) + x;
+                }
+                runChunk(p, t, s, r, std::min(kChunk, cols - x));
             }
     });
+}
+
+Plan fourSetPlan(Set const &lightness, Set const &furtherSet, Set const &saturation,
+                 Set const &hueShift) {
+    Plan p;
+    p.tone = sumOf(lightness);
+    p.hasFurther = true;
+    p.further = sumOf(furtherSet);
+    p.further.c[5] = furtherSet[5];  // slot 5 weighs both m4 and m5; slot 7 is not read
+    p.chroma = sumOf(saturation);
+    p.turn = sumOf(hueShift);
+    return p;
 }
 
 // All CV_16UC1 of the first one's size.
@@ -286,7 +373,7 @@ bool SelectiveColorFilter::proc(std::vector<cv::Mat> &planes, std::vector<cv::Ma
     p.tone = sumOf(lightness);
     p.chroma = sumOf(saturation);
     p.turn = sumOf(hueShift);
-    run(p, planes[0], planes[1], planes[2], nullptr, hue, weight);
+    run(p, planes, planes, hue, weight);
     return true;
 }
 
@@ -299,14 +386,8 @@ bool SelectiveColorFilter::proc(std::vector<cv::Mat> &planes, std::vector<cv::Ma
     kxRequire(planes.size() >= 3, kErrProcPlanes);
     kxRequire(!further.empty(), kErrProcFurther);
     requirePlanes({&planes[0], &planes[1], &planes[2], &further[0], &hue, &weight});
-    Plan p;
-    p.tone = sumOf(lightness);
-    p.hasFurther = true;
-    p.further = sumOf(furtherSet);
-    p.further.c[5] = furtherSet[5];  // slot 5 weighs both m4 and m5; slot 7 is not read
-    p.chroma = sumOf(saturation);
-    p.turn = sumOf(hueShift);
-    run(p, planes[0], planes[1], planes[2], &further[0], hue, weight);
+    std::vector<cv::Mat> four{planes[0], planes[1], planes[2], further[0]};
+    run(fourSetPlan(lightness, furtherSet, saturation, hueShift), four, four, hue, weight);
     return true;
 }
 
@@ -336,7 +417,7 @@ bool SelectiveColorFilter::proc(std::vector<cv::Mat> &planes, cv::Mat const &hue
     p.chroma.add = overall.saturation;
     p.turn = sumOf(hueShift);
     p.turn.add = overall.hue;
-    run(p, planes[0], planes[1], planes[2], nullptr, hue, weight);
+    run(p, planes, planes, hue, weight);
     return true;
 }
 
@@ -350,8 +431,7 @@ bool SelectiveColorFilter::proc2(std::vector<cv::Mat> &in, std::vector<cv::Mat> 
 }
 
 bool SelectiveColorFilter::proc2(std::vector<cv::Mat> &in, std::vector<cv::Mat> &out,
-                                 std::vector<cv::Mat> &hueRange,
-                                 SelectiveColorParameters lightness,
+                                 std::vector<cv::Mat> &hueRange, SelectiveColorParameters lightness,
                                  SelectiveColorParameters furtherSet,
                                  SelectiveColorParameters saturation,
                                  SelectiveColorParameters hueShift) {
@@ -359,9 +439,12 @@ bool SelectiveColorFilter::proc2(std::vector<cv::Mat> &in, std::vector<cv::Mat> 
     requirePlanes({&in[0], &in[1], &in[2], &in[3]});
     if (hueRange.size() < 2) hueRange.resize(2);
     compHueRange(in, hueRange);
+    // The four-set form from in straight into out: the same as on copies, without copying.
+    std::vector<cv::Mat> const src(in.begin(), in.begin() + 4);
     if (out.size() < 4) out.resize(4);
-    for (int i = 0; i < 4; ++i) in[i].copyTo(out[i]);
-    std::vector<cv::Mat> further{out[3]};
-    return proc(out, further, hueRange[0], hueRange[1], lightness, furtherSet, saturation,
-                hueShift);
+    for (int i = 0; i < 4; ++i)
+        out[i].create(src[i].size(), CV_16UC1);
+    run(fourSetPlan(lightness, furtherSet, saturation, hueShift), src, out, hueRange[0],
+        hueRange[1]);
+    return true;
 }

@@ -21,7 +21,9 @@ struct Sets {
     SelectiveColorFilter::OverallParameters o;
 };
 
-double sat16(double v) { return std::clamp(std::nearbyint(v), 0.0, 65535.0); }
+double sat16(double v) {
+    return std::clamp(std::nearbyint(v), 0.0, 65535.0);
+}
 
 // One pixel by the formulas: Y, Dr, Db, the further plane, then Dr and Db once more with the
 // truncation taken on the other side of a whole number when the value is within 1e-6 of one:
@@ -39,27 +41,33 @@ std::array<int, 6> reference(Form form, Sets c, int code, int wv, std::array<int
     auto sum = [&](Set const &s, int last) {
         int const slot[6] = {0, 2, 3, 4, 5, last};
         double v = 0;
-        for (int k = 0; k < 6; ++k) v += double(s[slot[k]]) * m[k];
+        for (int k = 0; k < 6; ++k)
+            v += double(s[slot[k]]) * m[k];
         return v;
     };
     auto tone = [&](double S, double v) { return std::pow(v, std::pow(4.0, -(1.8 * S * w))); };
     std::array<int, 6> out{in[0], in[1], in[2], in[3]};
-    out[0] = int(sat16(65535 * tone(sum(c.l, 7) + (form == Family) * (c.l[0] * m[0] + c.o.lightness),
-                                    in[0] / 65535.0)));
+    out[0] =
+        int(sat16(65535 * tone(sum(c.l, 7) + (form == Family) * (c.l[0] * m[0] + c.o.lightness),
+                               in[0] / 65535.0)));
     double const cf = (in[3] - 32768) / 65535.0, a = in[1] - 32768, b = in[2] - 32768;
-    if (form == Four) out[3] = int(sat16(std::copysign(65535 * tone(sum(c.f, 5), std::fabs(cf)), cf) + 32768));
+    if (form == Four)
+        out[3] = int(sat16(std::copysign(65535 * tone(sum(c.f, 5), std::fabs(cf)), cf) + 32768));
     double const S = sum(c.s, 7) + c.o.saturation;
     double t = form == Four || b != 0 ? std::atan(a / b) : a > 0 ? pi / 2 : -pi / 2;
     t = (std::isnan(t) ? 0 : t) + (b < 0 ? pi : 0) + pi * (sum(c.h, 7) + c.o.hue);
-    float const fa = float(a) / 32768, fb = float(b) / 32768, r = std::sqrt(fa * fa + fb * fb) * 32768;
+    float const fa = float(a) / 32768, fb = float(b) / 32768,
+                r = std::sqrt(fa * fa + fb * fb) * 32768;
     for (int j = 1; j < 3; ++j) {
         double const v = r * (j == 1 ? std::sin(t) : std::cos(t)) + 32768;
         double const near = std::nearbyint(v), tie = std::fabs(v - near) < 1e-6;
         double const lo = tie ? near - 1 : std::trunc(v), hi = tie ? near : lo;
         for (int side = 0; side < 2; ++side)
-            out[j + 3 * side] = form == Family
-                ? int(sat16((v - 32768) * (S > 0 ? 1 + S : std::pow(8.0, S)) + 32768))
-                : int(sat16((std::clamp(side ? hi : lo, 0.0, 65535.0) - 32768) * std::exp2(S) + 32768));
+            out[j + 3 * side] =
+                form == Family
+                    ? int(sat16((v - 32768) * (S > 0 ? 1 + S : std::pow(8.0, S)) + 32768))
+                    : int(sat16((std::clamp(side ? hi : lo, 0.0, 65535.0) - 32768) * std::exp2(S) +
+                                32768));
     }
     return out;
 }
@@ -69,25 +77,39 @@ std::array<int, 6> reference(Form form, Sets c, int code, int wv, std::array<int
 // weight.
 Planes sweep() {
     Planes p(6);
-    for (cv::Mat &m : p) m.create(65536 / 7 + 1, 64, CV_16UC1);
+    for (cv::Mat &m : p)
+        m.create(65536 / 7 + 1, 64, CV_16UC1);
     for (int y = 0; y < p[0].rows; ++y)
         for (int x = 0; x < 64; ++x) {
             unsigned const hsh = (y * 2654435761u) ^ (x * 40503u), v = hsh >> 16;
-            int const list[8] = {0, 1, int(v % 32768), 32767, 32768, 32769, int(32768 + v / 2), 65535};
-            int const vals[6] = {x % 3 == 0 ? 0 : x % 5 == 0 ? 65535 : int(v), list[x % 8], list[x / 8],
-                                 int(hsh & 65535), 7 * y, x % 4 ? int(v) : 65535};
-            for (int j = 0; j < 6; ++j) p[j].at<u16>(y, x) = u16(vals[j]);
+            int const list[8] = {0,     1,     int(v % 32768),     32767,
+                                 32768, 32769, int(32768 + v / 2), 65535};
+            int const vals[6] = {x % 3 == 0   ? 0
+                                 : x % 5 == 0 ? 65535
+                                              : int(v),
+                                 list[x % 8],
+                                 list[x / 8],
+                                 int(hsh & 65535),
+                                 7 * y,
+                                 x % 4 ? int(v) : 65535};
+            for (int j = 0; j < 6; ++j)
+                p[j].at<u16>(y, x) = u16(vals[j]);
         }
     return p;
 }
 
 Sets const kSets[] = {
     {},
-    {{0.5f, 9, -0.3f, 0.2f, 0.8f, -0.6f, 9, 0.4f}, {0.7f, 9, 0.2f, -0.5f, 0.1f, 0.6f, 9, 9},
-     {0.4f, 9, -0.5f, 0.9f, 0.3f, 0.2f, 9, -0.7f}, {0.3f, 9, -0.2f, 0.6f, -0.9f, 0.25f, 9, 0.1f},
+    {{0.5f, 9, -0.3f, 0.2f, 0.8f, -0.6f, 9, 0.4f},
+     {0.7f, 9, 0.2f, -0.5f, 0.1f, 0.6f, 9, 9},
+     {0.4f, 9, -0.5f, 0.9f, 0.3f, 0.2f, 9, -0.7f},
+     {0.3f, 9, -0.2f, 0.6f, -0.9f, 0.25f, 9, 0.1f},
      {0.2f, -0.3f, 0.15f}},
-    {{-1, 0, -0.8f, -1, -0.5f, -0.9f, 0, -1}, {-1, 0, -1, -0.4f, -1, -0.7f, 0, 0},
-     {1, 0, 1.2f, 1, 0.9f, 1, 0, 1}, {}, {-0.2f, -0.4f, 0}},
+    {{-1, 0, -0.8f, -1, -0.5f, -0.9f, 0, -1},
+     {-1, 0, -1, -0.4f, -1, -0.7f, 0, 0},
+     {1, 0, 1.2f, 1, 0.9f, 1, 0, 1},
+     {},
+     {-0.2f, -0.4f, 0}},
 };
 
 // The form on copies of in (or on in's own planes when told).
@@ -108,11 +130,13 @@ TEST(SelectiveColorFilterYDrDb, EveryFormWithinOneCodeOfItsFormulasAtEveryWidthA
     for (Form form : {Three, Four, Family})
         for (Sets const &c : kSets) {
             Planes ref(6);
-            for (cv::Mat &m : ref) m.create(in[0].size(), CV_16UC1);
+            for (cv::Mat &m : ref)
+                m.create(in[0].size(), CV_16UC1);
             for (int i = 0; i < int(in[0].total()); ++i) {
                 auto const px = [&](int j) { return int(in[j].at<u16>(i)); };
                 auto const o = reference(form, c, px(4), px(5), {px(0), px(1), px(2), px(3)});
-                for (int j = 0; j < 6; ++j) ref[j].at<u16>(i) = u16(o[j]);
+                for (int j = 0; j < 6; ++j)
+                    ref[j].at<u16>(i) = u16(o[j]);
             }
             // Pixels of out (or of its columns x0..) more than a code from both references.
             auto const far = [&](Planes const &out, int x0) {
@@ -163,7 +187,8 @@ TEST(SelectiveColorFilterYDrDb, EveryFormWithinOneCodeOfItsFormulasAtEveryWidthA
 TEST(SelectiveColorFilterYDrDb, HueAmountOneAtACentreTurnsToTheOppositeHue) {
     cv::Mat const hue(1, 2, CV_16UC1, cv::Scalar(0)), wt(1, 2, CV_16UC1, cv::Scalar(65535));
     Planes p{cv::Mat(1, 2, CV_16UC1, cv::Scalar(30000)), cv::Mat(1, 2, CV_16UC1, cv::Scalar(31000)),
-             cv::Mat(1, 2, CV_16UC1, cv::Scalar(36000))}, f;
+             cv::Mat(1, 2, CV_16UC1, cv::Scalar(36000))},
+        f;
     Set h, zero;
     h[0] = 1;
     SelectiveColorFilter().proc(p, f, hue, wt, zero, zero, h);
@@ -183,7 +208,8 @@ TEST(SelectiveColorFilterYDrDb, Proc2ComputesHueAndRangeAndRunsTheFourSetFormOnC
         EXPECT_EQ(cv::norm(out[j], ref[j], cv::NORM_INF), 0) << j;
         EXPECT_EQ(cv::norm(in[j], keep[j], cv::NORM_INF), 0) << j;
     }
-    EXPECT_TRUE(cv::norm(hr[0], mine[0], cv::NORM_INF) == 0 && cv::norm(hr[1], mine[1], cv::NORM_INF) == 0);
+    EXPECT_TRUE(cv::norm(hr[0], mine[0], cv::NORM_INF) == 0 &&
+                cv::norm(hr[1], mine[1], cv::NORM_INF) == 0);
     Planes out2;
     s.proc2(in, out2, kSets[1].l, kSets[1].f, kSets[1].s, kSets[1].h);
     EXPECT_EQ(cv::norm(out2[3], ref[3], cv::NORM_INF), 0);
@@ -195,10 +221,11 @@ TEST(SelectiveColorFilterYDrDb, ThrowsItsTextsBeforeWriting) {
     cv::Mat const a(2, 3, CV_16UC1, cv::Scalar(5)), small(2, 2, CV_16UC1), bytes(2, 3, CV_8UC1);
     Planes two{a.clone(), a.clone()}, three{a.clone(), a.clone(), a.clone()}, none, one{a.clone()};
     Planes bad{a.clone(), small.clone(), a.clone(), a.clone()}, out;
-    std::string const p = "ERROR - SelectiveColorFilter::proc - need Y, Dr, Db planes",
-                      f = "ERROR - SelectiveColorFilter::proc - need a further plane",
-                      q = "ERROR - SelectiveColorFilter::proc2 - need Y, Dr, Db and a further plane",
-                      t = "ERROR - SelectiveColorFilter - planes must be CV_16UC1 of one size";
+    std::string const
+        p = "ERROR - SelectiveColorFilter::proc - need Y, Dr, Db planes",
+        f = "ERROR - SelectiveColorFilter::proc - need a further plane",
+        q = "ERROR - SelectiveColorFilter::proc2 - need Y, Dr, Db and a further plane",
+        t = "ERROR - SelectiveColorFilter - planes must be CV_16UC1 of one size";
     using kxtest::thrown;
     EXPECT_EQ(thrown([&] { s.proc(two, one, a, a, z, z, z); }), p);
     EXPECT_EQ(thrown([&] { s.proc(two, one, a, a, z, z, z, z); }), p);
