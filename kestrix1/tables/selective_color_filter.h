@@ -204,7 +204,8 @@ public:
                         SelectiveColorParameters hueShift, OverallParameters overall);
     // H, S, V: as procInHLSSpace with V in the place of L (masks from S and V). The
     // saturation amount kS = sum2 / 65535 within [-1, 1] (times ms mv when positive) is sent
-    // to the debug sink for every pixel as "kS: %f" while a sink is set.
+    // to the debug sink for every pixel as "kS: %f" while a sink is set; the loop then runs
+    // on the calling thread, in pixel order, so the sink is never entered from two threads.
     bool procInHSVSpace(cv::Mat &image, cv::Mat const &hue, cv::Mat const &other,
                         SelectiveColorParameters value, SelectiveColorParameters saturation,
                         SelectiveColorParameters hueShift, OverallParameters overall);
@@ -212,7 +213,9 @@ public:
     // and r2 = min(C / 0.2, 1); lightness amount 0.8 clamp(r1 sum1 / 65535 + overall
     // lightness, -1, 1) applied to L as above; S found again as C / (1.001 - |2L' - 1|) (0
     // unless 0.0001 < L' < 0.9999), then S' = S (1 - r2 k) + r2 k for k > 0, else S (k + 1),
-    // k = clamp(sum2 / 65535 + overall saturation, -1, 1). Rounded, saturated.
+    // k = clamp(sum2 / 65535 + overall saturation, -1, 1). L' and S' are rounded and
+    // saturated; the hue turns as in procInHLSSpace. Here sum1 and sum2 leave the overall
+    // amounts out: they are added once, after the chroma ramps, so they reach grey too.
     bool procInHLSSpaceSimple(cv::Mat &image, SelectiveColorParameters lightness,
                               SelectiveColorParameters saturation,
                               SelectiveColorParameters hueShift, OverallParameters overall);
@@ -231,8 +234,10 @@ public:
                             SelectiveColorParameters hueShift, OverallParameters overall);
 
     // --- Smoothing through blocks ----------------------------------------------------------
-    // in and out: three CV_16UC1 planes of one size (out (re)created), cut into 1024 x 1024
-    // tiles. Each returns true. Errors: "ERROR - SelectiveColorFilter::compute - need three
+    // in and out: three CV_16UC1 planes of one size (out (re)created unless it already
+    // holds three such planes, which may be in's own for work in place), cut into 1024 x
+    // 1024 tiles; past the image's right and bottom ends a tile holds its last column and
+    // row repeated. The per-plane scales must not be 0. Each returns true. Errors: "ERROR - SelectiveColorFilter::compute - need three
     // planes" and the plane text above.
 
     // Guided smoothing of the chroma: per tile, Y / 65536 and ((Dr or Db) - 32768) scale[i] +
