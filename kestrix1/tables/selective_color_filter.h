@@ -5,7 +5,8 @@
 // family's centre. An adjustment set gives one amount per family slot, and a pixel moves by
 // the weighted sum of the amounts. Three kinds of path apply the sets:
 // - the working-space paths on Y, Dr, Db planes (proc, proc2), which evaluate the weights,
-//   powers and rotations per pixel with vector math;
+//   powers and rotations with vector math (the weights and what follows from them alone
+//   once per hue code, on planes large enough to repay it);
 // - the packed paths on hue / lightness / saturation images (procInHLSSpace and friends),
 //   which read the weights from 16 tables of 65536 entries built once by a setupLUT16U*;
 // - the smoothing members compute2 to compute5, which run guided or domain-transform
@@ -127,10 +128,14 @@ public:
     //        set's slots times their weights;
     //   the chroma (a, b) = (Dr, Db) - 32768 turns by pi times the hue set's weighted sum:
     //        Dr1 = trunc(r sin(t) + 32768), Db1 = trunc(r cos(t) + 32768), t = atan(a / b)
-    //        (+pi when b < 0) plus the turn, r the chroma radius;
+    //        (+pi when b < 0) plus the turn, r the chroma radius
+    //        sqrt((a / 32768)^2 + (b / 32768)^2) 32768 in float; Dr1 and Db1 are held in
+    //        16 bits (saturated);
     //   Dr' = rint((Dr1 - 32768) g + 32768), Db' likewise, g = 2^(saturation set's sum).
-    // Results saturate. All sets zero leaves Y as it was and moves Dr and Db by at most the
-    // one code of the truncation. Returns true.
+    // Weights are floats, sums, exponents and angles doubles. Results saturate. All sets zero
+    // leaves Y as it was and moves Dr and Db by at most the one code of the truncation.
+    // Every result is within one code of these formulas, and the same for any number of
+    // threads, width or row step. Returns true.
     //
     // Errors, checked before anything is written: "ERROR - SelectiveColorFilter::proc - need
     // Y, Dr, Db planes", "ERROR - SelectiveColorFilter::proc - need a further plane" (four-set
