@@ -41,7 +41,7 @@ constexpr float kDen[kFamilies] = {-1256, -628, -628, -1236, -1570, -942};
 constexpr float kWarmth = 0.3f, kTint = 0.3f, kNarrowest = 2.0f, kFloor = 0.25f;
 
 constexpr int kCubic = 4;       // the library's method number of cubic resampling
-constexpr int kBandRows = 64;  // rows converted to and from hue, lightness and saturation at once
+constexpr int kBandRows = 256;  // rows converted to and from hue, lightness and saturation at once
 
 char const kFamilyExpected[] =
     "FAMILY=AMOUNT[,FAMILY=AMOUNT...] with FAMILY red, yellow, green, cyan, blue, magenta or "

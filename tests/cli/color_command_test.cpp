@@ -42,8 +42,9 @@ TEST_P(ColorRuns, ChangesColourAndKeepsLuminance) {
     auto atDepth = [depth](cv::Mat const &m8) { return depth == 8 ? m8 : to16(m8); };
     TempDir dir;
     cv::Mat const in = atDepth(crop(photo("astronaut.png")));
-    // A soft red whose opposite, at its own luminance 110.9, is (R, G, B) = (61.9, 131.9, 131.9).
-    ASSERT_TRUE(cv::imwrite(dir / "red.png", atDepth(cv::Mat(21, 26, CV_8UC3, {90, 90, 160}))));
+    // A soft red whose opposite, at its own luminance 110.9, is (R, G, B) = (61.9, 131.9, 131.9);
+    // taller than the 256 rows that the hls and hsv spaces convert at once.
+    ASSERT_TRUE(cv::imwrite(dir / "red.png", atDepth(cv::Mat(300, 26, CV_8UC3, {90, 90, 160}))));
     ASSERT_TRUE(cv::imwrite(dir / "in.png", in));
     std::string const with = std::string("--space ") + space + " ";
     cv::Mat const same = roundTrip(in);
