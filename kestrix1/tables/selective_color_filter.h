@@ -140,6 +140,7 @@ public:
     // Errors, checked before anything is written: "ERROR - SelectiveColorFilter::proc - need
     // Y, Dr, Db planes", "ERROR - SelectiveColorFilter::proc - need a further plane" (four-set
     // form), and "ERROR - SelectiveColorFilter - planes must be CV_16UC1 of one size".
+    // Planes that are all empty return true at once.
 
     // Three sets (lightness, saturation, hue). A pixel with Db exactly 32768 turns from +-pi/2.
     // `further` is not read or written: it is there so that the three- and four-set forms

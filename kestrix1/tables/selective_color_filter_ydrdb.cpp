@@ -364,11 +364,15 @@ Plan fourSetPlan(Set const &lightness, Set const &furtherSet, Set const &saturat
     return p;
 }
 
-// All CV_16UC1 of the first one's size.
-void requirePlanes(std::initializer_list<cv::Mat const *> planes) {
+// All CV_16UC1 of the first one's size. False when all are empty: the call returns at once.
+bool requirePlanes(std::initializer_list<cv::Mat const *> planes) {
+    bool empty = true;
+    for (cv::Mat const *m : planes) empty = empty && m->empty();
+    if (empty) return false;
     cv::Mat const &first = **planes.begin();
     for (cv::Mat const *m : planes)
         kxRequire(m->type() == CV_16UC1 && m->size() == first.size(), kxErrSelectivePlanes);
+    return true;
 }
 
 }  // namespace
@@ -379,7 +383,7 @@ bool SelectiveColorFilter::proc(std::vector<cv::Mat> &planes, std::vector<cv::Ma
                                 SelectiveColorParameters saturation,
                                 SelectiveColorParameters hueShift) {
     kxRequire(planes.size() >= 3, kErrProcPlanes);
-    requirePlanes({&planes[0], &planes[1], &planes[2], &hue, &weight});
+    if (!requirePlanes({&planes[0], &planes[1], &planes[2], &hue, &weight})) return true;
     Plan p;
     p.tone = sumOf(lightness);
     p.chroma = sumOf(saturation);
@@ -396,7 +400,8 @@ bool SelectiveColorFilter::proc(std::vector<cv::Mat> &planes, std::vector<cv::Ma
                                 SelectiveColorParameters hueShift) {
     kxRequire(planes.size() >= 3, kErrProcPlanes);
     kxRequire(!further.empty(), kErrProcFurther);
-    requirePlanes({&planes[0], &planes[1], &planes[2], &further[0], &hue, &weight});
+    if (!requirePlanes({&planes[0], &planes[1], &planes[2], &further[0], &hue, &weight}))
+        return true;
     std::vector<cv::Mat> four{planes[0], planes[1], planes[2], further[0]};
     run(fourSetPlan(lightness, furtherSet, saturation, hueShift), four, four, hue, weight);
     return true;
@@ -414,7 +419,7 @@ bool SelectiveColorFilter::proc(std::vector<cv::Mat> &planes, cv::Mat const &hue
                                 SelectiveColorParameters saturation,
                                 SelectiveColorParameters hueShift, OverallParameters overall) {
     kxRequire(planes.size() >= 3, kErrProcPlanes);
-    requirePlanes({&planes[0], &planes[1], &planes[2], &hue, &weight});
+    if (!requirePlanes({&planes[0], &planes[1], &planes[2], &hue, &weight})) return true;
     Plan p;
     float const centre[6] = {0, 60, 100, 165, 220, 300};
     float const den[6] = {-1256, -628, -628, -1236, -1570, -942};
@@ -447,7 +452,7 @@ bool SelectiveColorFilter::proc2(std::vector<cv::Mat> &in, std::vector<cv::Mat> 
                                  SelectiveColorParameters saturation,
                                  SelectiveColorParameters hueShift) {
     kxRequire(in.size() >= 4, kErrProc2Planes);
-    requirePlanes({&in[0], &in[1], &in[2], &in[3]});
+    if (!requirePlanes({&in[0], &in[1], &in[2], &in[3]})) return true;
     if (hueRange.size() < 2) hueRange.resize(2);
     compHueRange(in, hueRange);
     // The four-set form from in straight into out: the same as on copies, without copying.

@@ -216,6 +216,9 @@ TEST(SelectiveColorFilterYDrDb, ThrowsItsTextsBeforeWriting) {
     EXPECT_EQ(thrown([&] { s.proc2(three, out, z, z, z, z); }), q);
     EXPECT_EQ(thrown([&] { s.proc2(bad, out, z, z, z, z); }), t);
     EXPECT_TRUE(out.empty() && cv::countNonZero(three[0] != 5) == 0);
+    Planes empty(4);  // nothing to do is not an error
+    EXPECT_TRUE(s.proc(empty, empty, cv::Mat(), cv::Mat(), z, z, z, z));
+    EXPECT_TRUE(s.proc2(empty, out, z, z, z, z));
 }
 
 }  // namespace
