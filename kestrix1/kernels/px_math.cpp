@@ -20,11 +20,9 @@ struct KxSleefD8 {
 };
 __m256d Sleef_expd4_u10avx2(__m256d);
 __m256 Sleef_exp2f8_u10avx2(__m256);
-__m256 Sleef_powf8_u10avx2(__m256, __m256);
 KxSleefD4 Sleef_sincosd4_u10avx2(__m256d);
 __m512d Sleef_expd8_u10avx512f(__m512d);
 __m512 Sleef_exp2f16_u10avx512f(__m512);
-__m512 Sleef_powf16_u10avx512f(__m512, __m512);
 KxSleefD8 Sleef_sincosd8_u10avx512f(__m512d);
 }
 #endif
@@ -44,9 +42,6 @@ struct Avx512 {
     KX_AVX512_TARGET static void exp2(float const *s, float *d) {
         _mm512_storeu_ps(d, Sleef_exp2f16_u10avx512f(_mm512_loadu_ps(s)));
     }
-    KX_AVX512_TARGET static void pow(float const *x, float const *y, float *d) {
-        _mm512_storeu_ps(d, Sleef_powf16_u10avx512f(_mm512_loadu_ps(x), _mm512_loadu_ps(y)));
-    }
     KX_AVX512_TARGET static void sincos(double const *s, double *sn, double *cs) {
         KxSleefD8 const r = Sleef_sincosd8_u10avx512f(_mm512_loadu_pd(s));
         _mm512_storeu_pd(sn, r.x);
@@ -62,9 +57,6 @@ struct Avx2 {
     }
     KX_AVX2_TARGET static void exp2(float const *s, float *d) {
         _mm256_storeu_ps(d, Sleef_exp2f8_u10avx2(_mm256_loadu_ps(s)));
-    }
-    KX_AVX2_TARGET static void pow(float const *x, float const *y, float *d) {
-        _mm256_storeu_ps(d, Sleef_powf8_u10avx2(_mm256_loadu_ps(x), _mm256_loadu_ps(y)));
     }
     KX_AVX2_TARGET static void sincos(double const *s, double *sn, double *cs) {
         KxSleefD4 const r = Sleef_sincosd4_u10avx2(_mm256_loadu_pd(s));
@@ -84,9 +76,6 @@ struct Sse {
     static void exp2(float const *s, float *d) {
         _mm_storeu_ps(d, Sleef_exp2f4_u10(_mm_loadu_ps(s)));
     }
-    static void pow(float const *x, float const *y, float *d) {
-        _mm_storeu_ps(d, Sleef_powf4_u10(_mm_loadu_ps(x), _mm_loadu_ps(y)));
-    }
     static void sincos(double const *s, double *sn, double *cs) {
         Sleef___m128d_2 const r = Sleef_sincosd2_u10(_mm_loadu_pd(s));
         _mm_storeu_pd(sn, r.x);
@@ -99,7 +88,6 @@ struct Scalar {
     static constexpr int kFloats = 1, kDoubles = 1;
     static void exp(float const *s, float *d) { *d = float(std::exp(double(*s))); }
     static void exp2(float const *s, float *d) { *d = std::exp2(*s); }
-    static void pow(float const *x, float const *y, float *d) { *d = std::pow(*x, *y); }
     static void sincos(double const *s, double *sn, double *cs) {
         double const v = *s;
         *sn = std::sin(v);
@@ -120,21 +108,6 @@ void unary(T const *src, T *dst, int n, F f) {
         std::memcpy(a, src + i, sizeof(T) * unsigned(n - i));
         f(a, b);
         std::memcpy(dst + i, b, sizeof(T) * unsigned(n - i));
-    }
-}
-
-template <class Ops>
-void powRun(float const *x, float const *y, float *dst, int n) {
-    constexpr int W = Ops::kFloats;
-    int i = 0;
-    for (; i + W <= n; i += W)
-        Ops::pow(x + i, y + i, dst + i);
-    if (i < n) {
-        float a[W] = {}, b[W] = {}, c[W];
-        std::memcpy(a, x + i, sizeof(float) * unsigned(n - i));
-        std::memcpy(b, y + i, sizeof(float) * unsigned(n - i));
-        Ops::pow(a, b, c);
-        std::memcpy(dst + i, c, sizeof(float) * unsigned(n - i));
     }
 }
 
@@ -183,10 +156,6 @@ void pxMathExp2(float const *src, float *dst, int n) {
         using Ops = decltype(ops);
         unary<Ops::kFloats>(src, dst, n, [](float const *s, float *d) { Ops::exp2(s, d); });
     });
-}
-
-void pxMathPow(float const *x, float const *y, float *dst, int n) {
-    widest([&](auto ops) { powRun<decltype(ops)>(x, y, dst, n); });
 }
 
 void pxMathSinCos(double const *src, double *sinOut, double *cosOut, int n) {

@@ -14,7 +14,5 @@
 void pxMathExp(float const *src, float *dst, int n);
 // dst = 2^src.
 void pxMathExp2(float const *src, float *dst, int n);
-// dst = x^y, with the C library's special values (0^y = 0 for y > 0, 1^y = 1).
-void pxMathPow(float const *x, float const *y, float *dst, int n);
 // sinOut = sin(src), cosOut = cos(src), in double.
 void pxMathSinCos(double const *src, double *sinOut, double *cosOut, int n);

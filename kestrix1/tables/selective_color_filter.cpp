@@ -6,6 +6,7 @@
 #include "kestrix1/frame/errors.h"
 #include "kestrix1/frame/messages.h"
 #include "kestrix1/kernels/parallel.h"
+#include "kestrix1/kernels/px_dispatch.h"
 
 namespace {
 
@@ -32,6 +33,32 @@ inline std::uint16_t trunc16(float v) {
 template <class Body>
 void forEachCode(int tables, Body &&body) {
     parallelRows(SelectiveColorFilter::kTableCodes, std::int64_t(tables) * 65536 * 16, body);
+}
+
+// One row of compHueRange. Every candidate hue is computed and the last test that holds
+// picks one, without branches, so that the loop vectorises; a grey pixel's divisions by 0
+// are computed and thrown away.
+KX_VECTOR_CLONES
+void hueRangeRow(std::uint16_t const *py, std::uint16_t const *pr, std::uint16_t const *pb,
+                 std::uint16_t *ph, std::uint16_t *pn, int cols) {
+    for (int x = 0; x < cols; ++x) {
+        float const yv = py[x];
+        float const R = yv + 2.0f * float(pr[x]) - 65536.0f;
+        float const B = yv + 2.0f * float(pb[x]) - 65536.0f;
+        float const G = (yv - 0.299f * R - 0.114f * B) / 0.587f;
+        float const mx = std::max(R, std::max(G, B)), mn = std::min(R, std::min(G, B));
+        float const rg = mx - mn;
+        float const hR = (G - B) * 60.0f / rg, hG = (B - R) * 60.0f / rg + 120.0f,
+                    hB = 240.0f + (R - G) * 60.0f / rg;
+        float h = R == mx ? hR : 0.0f;
+        h = G == mx ? hG : h;
+        h = B == mx ? hB : h;
+        float const wrapped = h + 360.0f;
+        h = h < 0.0f ? wrapped : h;
+        bool const grey = std::fabs(double(rg)) < 1e-6;
+        ph[x] = grey ? 0 : trunc16(h / 360.0f * 65535.0f);
+        pn[x] = grey ? 0 : trunc16(rg);
+    }
 }
 
 }  // namespace
@@ -180,31 +207,8 @@ void SelectiveColorFilter::compHueRange(std::vector<cv::Mat> &in, std::vector<cv
                   kxErrSelectivePlanes);
     cv::Mat hue(Y.size(), CV_16UC1), range(Y.size(), CV_16UC1);
     parallelRows(Y.rows, std::int64_t(Y.total()) * 8, [&](int y) {
-        auto const *py = Y.ptr<std::uint16_t>(y);
-        auto const *pr = Dr.ptr<std::uint16_t>(y);
-        auto const *pb = Db.ptr<std::uint16_t>(y);
-        auto *ph = hue.ptr<std::uint16_t>(y);
-        auto *pn = range.ptr<std::uint16_t>(y);
-        for (int x = 0; x < Y.cols; ++x) {
-            float const yv = py[x];
-            float const R = yv + 2.0f * float(pr[x]) - 65536.0f;
-            float const B = yv + 2.0f * float(pb[x]) - 65536.0f;
-            float const G = (yv - 0.299f * R - 0.114f * B) / 0.587f;
-            float const mx = std::max(R, std::max(G, B)), mn = std::min(R, std::min(G, B));
-            float const rg = mx - mn;
-            if (std::fabs(double(rg)) < 1e-6) {
-                ph[x] = 0;
-                pn[x] = 0;
-                continue;
-            }
-            float h = 0.0f;
-            if (R == mx) h = (G - B) * 60.0f / rg;
-            if (G == mx) h = (B - R) * 60.0f / rg + 120.0f;
-            if (B == mx) h = 240.0f + (R - G) * 60.0f / rg;
-            if (h < 0.0f) h += 360.0f;
-            ph[x] = trunc16(h / 360.0f * 65535.0f);
-            pn[x] = trunc16(rg);
-        }
+        hueRangeRow(Y.ptr<std::uint16_t>(y), Dr.ptr<std::uint16_t>(y), Db.ptr<std::uint16_t>(y),
+                    hue.ptr<std::uint16_t>(y), range.ptr<std::uint16_t>(y), Y.cols);
     });
     out[0] = hue;
     out[1] = range;

@@ -124,15 +124,15 @@ public:
     // plane (from compHueRange), weight a CV_16UC1 plane of per-pixel strength w = value /
     // 65535 (the range plane, or a mask). Per pixel, with the six weights m0..m5 of the
     // centres 0, 60, ..., 300 (den -1236, the hue wrapped first):
-    //   Y' = rint(65535 (Y / 65535)^e), e = 4^(-1.8 S1 w) in double, S1 = the lightness
-    //        set's slots times their weights;
+    //   Y' = rint(65535 (Y / 65535)^e), e = 4^(-1.8 S1 w), S1 = the lightness set's slots
+    //        times their weights;
     //   the chroma (a, b) = (Dr, Db) - 32768 turns by pi times the hue set's weighted sum:
     //        Dr1 = trunc(r sin(t) + 32768), Db1 = trunc(r cos(t) + 32768), t = atan(a / b)
     //        (+pi when b < 0) plus the turn, r the chroma radius
     //        sqrt((a / 32768)^2 + (b / 32768)^2) 32768 in float; Dr1 and Db1 are held in
     //        16 bits (saturated);
     //   Dr' = rint((Dr1 - 32768) g + 32768), Db' likewise, g = 2^(saturation set's sum).
-    // Weights are floats, sums, exponents and angles doubles. Results saturate. All sets zero
+    // Weights are floats, sums and angles doubles. Results saturate. All sets zero
     // leaves Y as it was and moves Dr and Db by at most the one code of the truncation.
     // Every result is within one code of these formulas, and the same for any number of
     // threads, width or row step. Returns true.
@@ -140,6 +140,7 @@ public:
     // Errors, checked before anything is written: "ERROR - SelectiveColorFilter::proc - need
     // Y, Dr, Db planes", "ERROR - SelectiveColorFilter::proc - need a further plane" (four-set
     // form), and "ERROR - SelectiveColorFilter - planes must be CV_16UC1 of one size".
+    // Planes that are all empty return true at once.
 
     // Three sets (lightness, saturation, hue). A pixel with Db exactly 32768 turns from +-pi/2.
     // `further` is not read or written: it is there so that the three- and four-set forms

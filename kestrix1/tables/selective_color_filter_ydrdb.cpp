@@ -37,7 +37,7 @@ constexpr char const kErrProc2Planes[] =
 constexpr double kPi = 3.14159265358979323846;
 
 // Pixels per chunk: a multiple of the widest vector (16 floats), small enough for the
-// scratch (about 100 bytes a pixel) to stay in the first-level cache.
+// scratch (about 90 bytes a pixel) to stay in the first-level cache.
 constexpr int kChunk = 256;
 constexpr int kPad = 16;
 
@@ -78,8 +78,7 @@ struct Scratch {
     std::vector<u16> in = std::vector<u16>(6 * kChunk);      // hue, weight, Y, Dr, Db, further
     std::vector<float> m = std::vector<float>(6 * kChunk);   // weights, family by family
     std::vector<float> e = std::vector<float>(2 * kChunk);   // 2^ arguments
-    std::vector<float> px = std::vector<float>(2 * kChunk);  // pow bases, then results
-    std::vector<float> pe = std::vector<float>(2 * kChunk);  // pow exponents
+    std::vector<float> px = std::vector<float>(2 * kChunk);  // e log2 x, then x^e
     std::vector<double> q = std::vector<double>(kQ * kChunk);
 };
 
@@ -179,18 +178,28 @@ void exponents(double const *q, u16 const *wt, float *e, bool further, int np) {
             e[np + i] = float(2.0 * -(1.8 * q[np + i] * (double(wt[i]) / 65535.0)));
 }
 
-// Bases and exponents of the powers: Y / 65535, and |c| of the further plane. An exponent
-// that came out as 0 is lifted to the least normal float, so that 0 stays 0.
+// log2(k / 65535) for every 16-bit code k (-inf at 0), rounded once from double: powers
+// of Y / 65535 and of |c| = |value - 32768| / 65535 are then one exponential each.
+float const *log2Codes() {
+    static std::vector<float> const table = [] {
+        std::vector<float> t(65536);
+        for (int k = 0; k < 65536; ++k)
+            t[k] = float(std::log2(k / 65535.0));
+        return t;
+    }();
+    return table.data();
+}
+
+// Arguments of 2^ for the powers: e log2(Y / 65535), and e log2 |c| of the further plane. The
+// exponent is held within the positive normal floats, so that 0 stays 0 and 1 stays 1.
 KX_VECTOR_CLONES
-void powArgs(u16 const *Y, u16 const *F, float const *e, float *px, float *pe, int np) {
-    for (int i = 0; i < np; ++i) {
-        px[i] = float(Y[i]) / 65535.0f;
-        pe[i] = std::max(e[i], FLT_MIN);
-    }
+void powArgs(u16 const *Y, u16 const *F, float const *e, float const *lg, float *px, int np) {
+    for (int i = 0; i < np; ++i)
+        px[i] = std::min(std::max(e[i], FLT_MIN), FLT_MAX) * lg[Y[i]];
     if (F != nullptr)
         for (int i = 0; i < np; ++i) {
-            px[np + i] = std::fabs(float(F[i]) - 32768.0f) / 65535.0f;
-            pe[np + i] = std::max(e[np + i], FLT_MIN);
+            int const c = F[i] < 32768 ? 32768 - F[i] : F[i] - 32768;
+            px[np + i] = std::min(std::max(e[np + i], FLT_MIN), FLT_MAX) * lg[c];
         }
 }
 
@@ -262,7 +271,8 @@ struct Rows {
 
 // One chunk of n pixels; their per-code quantities are read from the table when there is
 // one, else computed here.
-void runChunk(Plan const &p, double const *table, Scratch &s, Rows const &r, int n) {
+void runChunk(Plan const &p, double const *table, float const *lg, Scratch &s, Rows const &r,
+              int n) {
     int const np = (n + kPad - 1) / kPad * kPad;
     u16 *const in = s.in.data();
     for (int j = 0; j < 6; ++j) {
@@ -285,8 +295,8 @@ void runChunk(Plan const &p, double const *table, Scratch &s, Rows const &r, int
     }
     exponents(q, wt, e, p.hasFurther, np);
     pxMathExp2(e, e, (p.hasFurther ? 2 : 1) * np);
-    powArgs(Y, F, e, px, s.pe.data(), np);
-    pxMathPow(px, s.pe.data(), px, (p.hasFurther ? 2 : 1) * np);
+    powArgs(Y, F, e, lg, px, np);
+    pxMathExp2(px, px, (p.hasFurther ? 2 : 1) * np);
 
     applyTone(px, F, r.out[0], r.out[3], n, np);
     if (p.family)
@@ -327,6 +337,7 @@ void run(Plan const &p, std::vector<cv::Mat> const &in, std::vector<cv::Mat> &ou
     std::int64_t const pixels = std::int64_t(rows) * cols;
     std::vector<double> const table = pixels >= kTableFrom ? codeTable(p) : std::vector<double>();
     double const *const t = table.empty() ? nullptr : table.data();
+    float const *const lg = log2Codes();
     parallelBands(rows, pixels * 64, [&](int y0, int y1) {
         Scratch s;
         for (int y = y0; y < y1; ++y)
@@ -336,7 +347,7 @@ void run(Plan const &p, std::vector<cv::Mat> const &in, std::vector<cv::Mat> &ou
                     r.in[2 + j] = in[j].ptr<u16>(y) + x;
                     r.out[j] = out[j].ptr<u16>(y) + x;
                 }
-                runChunk(p, t, s, r, std::min(kChunk, cols - x));
+                runChunk(p, t, lg, s, r, std::min(kChunk, cols - x));
             }
     });
 }
@@ -353,11 +364,15 @@ Plan fourSetPlan(Set const &lightness, Set const &furtherSet, Set const &saturat
     return p;
 }
 
-// All CV_16UC1 of the first one's size.
-void requirePlanes(std::initializer_list<cv::Mat const *> planes) {
+// All CV_16UC1 of the first one's size. False when all are empty: the call returns at once.
+bool requirePlanes(std::initializer_list<cv::Mat const *> planes) {
+    bool empty = true;
+    for (cv::Mat const *m : planes) empty = empty && m->empty();
+    if (empty) return false;
     cv::Mat const &first = **planes.begin();
     for (cv::Mat const *m : planes)
         kxRequire(m->type() == CV_16UC1 && m->size() == first.size(), kxErrSelectivePlanes);
+    return true;
 }
 
 }  // namespace
@@ -368,7 +383,7 @@ bool SelectiveColorFilter::proc(std::vector<cv::Mat> &planes, std::vector<cv::Ma
                                 SelectiveColorParameters saturation,
                                 SelectiveColorParameters hueShift) {
     kxRequire(planes.size() >= 3, kErrProcPlanes);
-    requirePlanes({&planes[0], &planes[1], &planes[2], &hue, &weight});
+    if (!requirePlanes({&planes[0], &planes[1], &planes[2], &hue, &weight})) return true;
     Plan p;
     p.tone = sumOf(lightness);
     p.chroma = sumOf(saturation);
@@ -385,7 +400,8 @@ bool SelectiveColorFilter::proc(std::vector<cv::Mat> &planes, std::vector<cv::Ma
                                 SelectiveColorParameters hueShift) {
     kxRequire(planes.size() >= 3, kErrProcPlanes);
     kxRequire(!further.empty(), kErrProcFurther);
-    requirePlanes({&planes[0], &planes[1], &planes[2], &further[0], &hue, &weight});
+    if (!requirePlanes({&planes[0], &planes[1], &planes[2], &further[0], &hue, &weight}))
+        return true;
     std::vector<cv::Mat> four{planes[0], planes[1], planes[2], further[0]};
     run(fourSetPlan(lightness, furtherSet, saturation, hueShift), four, four, hue, weight);
     return true;
@@ -403,7 +419,7 @@ bool SelectiveColorFilter::proc(std::vector<cv::Mat> &planes, cv::Mat const &hue
                                 SelectiveColorParameters saturation,
                                 SelectiveColorParameters hueShift, OverallParameters overall) {
     kxRequire(planes.size() >= 3, kErrProcPlanes);
-    requirePlanes({&planes[0], &planes[1], &planes[2], &hue, &weight});
+    if (!requirePlanes({&planes[0], &planes[1], &planes[2], &hue, &weight})) return true;
     Plan p;
     float const centre[6] = {0, 60, 100, 165, 220, 300};
     float const den[6] = {-1256, -628, -628, -1236, -1570, -942};
@@ -436,7 +452,7 @@ bool SelectiveColorFilter::proc2(std::vector<cv::Mat> &in, std::vector<cv::Mat> 
                                  SelectiveColorParameters saturation,
                                  SelectiveColorParameters hueShift) {
     kxRequire(in.size() >= 4, kErrProc2Planes);
-    requirePlanes({&in[0], &in[1], &in[2], &in[3]});
+    if (!requirePlanes({&in[0], &in[1], &in[2], &in[3]})) return true;
     if (hueRange.size() < 2) hueRange.resize(2);
     compHueRange(in, hueRange);
     // The four-set form from in straight into out: the same as on copies, without copying.
