@@ -56,8 +56,12 @@ cv::Mat const &packedHls() {
     return hls;
 }
 
-float clamp1(float k) { return std::min(1.0f, std::max(-1.0f, k)); }
-u16 tr(float v) { return u16(std::min(65535.0f, std::max(0.0f, v))); }
+float clamp1(float k) {
+    return std::min(1.0f, std::max(-1.0f, k));
+}
+u16 tr(float v) {
+    return u16(std::min(65535.0f, std::max(0.0f, v)));
+}
 
 // The plain loops: per pixel eight table reads per set, then the path's steps.
 void plainPacked(Tables const &t, cv::Mat &img, bool hsv) {
@@ -68,7 +72,8 @@ void plainPacked(Tables const &t, cv::Mat &img, bool hsv) {
             float sum[3] = {add[0], add[1], add[2]};
             for (int j = 0; j < 3; ++j) {
                 float acc = 0;
-                for (int k = 0; k < 8; ++k) acc += t.s[j][k] * float(t.f.lut(k)[p[0]]);
+                for (int k = 0; k < 8; ++k)
+                    acc += t.s[j][k] * float(t.f.lut(k)[p[0]]);
                 sum[j] += acc;
             }
             float x = sum[2] / 65535 + p[0] / 65535.0f;
@@ -125,7 +130,8 @@ void wholeDT(std::vector<cv::Mat> const &in, float const *scale, std::vector<cv:
     dt.setup(16, 3000.0f / 65536, 3, DTFilter::L1);
     dt.proc(merged, guide, result, 0);
     cv::split(result, f);
-    for (int i = 0; i < 3; ++i) f[i].convertTo(out[i], CV_16U, 65536 / scale[i]);
+    for (int i = 0; i < 3; ++i)
+        f[i].convertTo(out[i], CV_16U, 65536 / scale[i]);
 }
 
 int const registered = [] {
@@ -145,8 +151,10 @@ int const registered = [] {
                 cv::extractChannel(*img, hue, 0);
                 // Worked in place again and again: the cost hardly depends on the values.
                 return Op([=] {
-                    if (kind == 0) t->f.procInHLSSpace(*img, hue, hue, t->s[0], t->s[1], t->s[2], t->o);
-                    if (kind == 1) t->f.procInHSVSpace(*img, hue, hue, t->s[0], t->s[1], t->s[2], t->o);
+                    if (kind == 0)
+                        t->f.procInHLSSpace(*img, hue, hue, t->s[0], t->s[1], t->s[2], t->o);
+                    if (kind == 1)
+                        t->f.procInHSVSpace(*img, hue, hue, t->s[0], t->s[1], t->s[2], t->o);
                     if (kind == 2) t->f.procInHLSSpaceSimple(*img, t->s[0], t->s[1], t->s[2], t->o);
                     if (kind == 3) t->f.procInHSVSpaceSimple(*img, t->s[0], t->s[1], t->s[2], t->o);
                 });

@@ -22,7 +22,9 @@ constexpr float kFamilyDen[6] = {-1256.0f, -628.0f, -628.0f, -1236.0f, -1570.0f,
 constexpr int kSlotEntries = SelectiveColorFilter::kTableCodes + SelectiveColorFilter::kTableTail;
 
 // The hue of table code i, in degrees.
-inline float codeHue(int i) { return float(i) / 65535.0f * 360.0f; }
+inline float codeHue(int i) {
+    return float(i) / 65535.0f * 360.0f;
+}
 
 // Truncation of a non-negative weight in 1/65535 units, held within 16 bits.
 inline std::uint16_t trunc16(float v) {
@@ -65,7 +67,9 @@ void hueRangeRow(std::uint16_t const *py, std::uint16_t const *pr, std::uint16_t
 
 SelectiveColorFilter::SelectiveColorFilter() = default;
 
-float SelectiveColorFilter::wrapHue(float h) { return h - std::ceil(h / 360.0f) * 360.0f; }
+float SelectiveColorFilter::wrapHue(float h) {
+    return h - std::ceil(h / 360.0f) * 360.0f;
+}
 
 float SelectiveColorFilter::hueDistance(float a, float b) {
     float const hi = std::max(a, b), lo = std::min(a, b);
@@ -91,7 +95,9 @@ float SelectiveColorFilter::hueAdj(float hue, float centre, float amount) {
     return amount * std::exp(d * d / kDefaultDen);
 }
 
-float SelectiveColorFilter::rangeMask(float, ColorCategory) { return 1.0f; }
+float SelectiveColorFilter::rangeMask(float, ColorCategory) {
+    return 1.0f;
+}
 
 void SelectiveColorFilter::computeHueMask(float hue, float *const out, float const *const centre,
                                           float const *const den) {
@@ -113,7 +119,8 @@ void SelectiveColorFilter::setupLUT16U(int n, float const *const mult, float con
     kxRequire(n >= 0 && n <= kMaxTables, kErrTableCount);
     m_lutCount = n;
     std::uint16_t *t[kMaxTables];
-    for (int k = 0; k < n; ++k) t[k] = slot(k);
+    for (int k = 0; k < n; ++k)
+        t[k] = slot(k);
     forEachCode(n, [&](int i) {
         float const h = codeHue(i);
         for (int k = 0; k < n; ++k) {
@@ -128,7 +135,8 @@ void SelectiveColorFilter::setupLUT16UTriangle(int n, float const *const,
     kxRequire(n >= 1 && n <= kMaxTables, kErrTriangleCount);
     m_lutCount = n;
     std::uint16_t *t[kMaxTables];
-    for (int k = 0; k < n; ++k) t[k] = slot(k);
+    for (int k = 0; k < n; ++k)
+        t[k] = slot(k);
     float const first = centre[0], last = centre[n - 1];
     forEachCode(n, [&](int i) {
         float const h = codeHue(i);
@@ -156,12 +164,15 @@ void SelectiveColorFilter::setupLUT16UTriangle(int n, float const *const,
     });
     // The tail is a copy of the head as it stands before normalisation: the pixel paths
     // look tables up by hue codes only, so it is never read against normalised entries.
-    for (int k = 0; k < n; ++k) std::copy(t[k], t[k] + kTableTail, t[k] + kTableCodes);
+    for (int k = 0; k < n; ++k)
+        std::copy(t[k], t[k] + kTableTail, t[k] + kTableCodes);
     forEachCode(n, [&](int i) {
         float sum = 0.0f;
-        for (int k = 0; k < n; ++k) sum += float(t[k][i]) * 1.5259022e-5f;
+        for (int k = 0; k < n; ++k)
+            sum += float(t[k][i]) * 1.5259022e-5f;
         if (sum == 0.0f) return;  // no family covers this hue: its entries stay 0
-        for (int k = 0; k < n; ++k) t[k][i] = trunc16(float(t[k][i]) / sum);
+        for (int k = 0; k < n; ++k)
+            t[k][i] = trunc16(float(t[k][i]) / sum);
     });
 }
 
@@ -171,7 +182,8 @@ void SelectiveColorFilter::setupLUT16UTrapezoid(int n, float const *const outer,
     kxRequire(n >= 0 && n <= kMaxTables, kErrTableCount);
     m_lutCount = n;
     std::uint16_t *t[kMaxTables];
-    for (int k = 0; k < n; ++k) t[k] = slot(k);
+    for (int k = 0; k < n; ++k)
+        t[k] = slot(k);
     // 1 on the flat top (inclusive: the slope gives exactly 1 at a == in), linear to 0 at
     // out; a top as wide as the whole trapezoid has no slope to divide by.
     auto slope = [](float a, float in, float out) {
@@ -195,7 +207,8 @@ void SelectiveColorFilter::setupLUT16UTrapezoid(int n, float const *const outer,
 }
 
 void SelectiveColorFilter::releaseLUT16U() {
-    for (auto &t : m_lut) t.reset();
+    for (auto &t : m_lut)
+        t.reset();
     m_lutCount = 0;
 }
 

@@ -33,10 +33,10 @@ public:
     // blue 220 / -1570, magenta 300 / -942.
     enum ColorCategory { Red = 0, Yellow = 1, Green = 2, Cyan = 3, Blue = 4, Magenta = 5 };
 
-    static constexpr int kSlots = 8;          // amounts per set
-    static constexpr int kMaxTables = 16;     // table slots
-    static constexpr int kTableCodes = 65536; // entries addressed by a hue code
-    static constexpr int kTableTail = 16384;  // entries past the end, a copy of the head
+    static constexpr int kSlots = 8;           // amounts per set
+    static constexpr int kMaxTables = 16;      // table slots
+    static constexpr int kTableCodes = 65536;  // entries addressed by a hue code
+    static constexpr int kTableTail = 16384;   // entries past the end, a copy of the head
     static constexpr float kDefaultDen = -1236.0f;
 
     // One amount per family slot. In the Y, Dr, Db paths slots 0, 2, 3, 4, 5 and 7 pair with
@@ -50,7 +50,7 @@ public:
 
     // Amounts added to every pixel whatever its family, in units of one full range.
     struct OverallParameters {
-        float lightness = 0;   // lightness or value
+        float lightness = 0;  // lightness or value
         float saturation = 0;
         float hue = 0;
     };
@@ -230,16 +230,15 @@ public:
     // table is read at trunc(65535 hue) of the `hue` plane (CV_32FC1), results are not
     // truncated.
     bool procInHSLSpace_32f(cv::Mat &image, cv::Mat const &hue, cv::Mat const &other,
-                            SelectiveColorParameters lightness,
-                            SelectiveColorParameters saturation,
+                            SelectiveColorParameters lightness, SelectiveColorParameters saturation,
                             SelectiveColorParameters hueShift, OverallParameters overall);
 
     // --- Smoothing through blocks ----------------------------------------------------------
     // in and out: three CV_16UC1 planes of one size (out (re)created unless it already
     // holds three such planes, which may be in's own for work in place), cut into 1024 x
     // 1024 tiles; past the image's right and bottom ends a tile holds its last column and
-    // row repeated. The per-plane scales must not be 0. Each returns true. Errors: "ERROR - SelectiveColorFilter::compute - need three
-    // planes" and the plane text above.
+    // row repeated. The per-plane scales must not be 0. Each returns true. Errors: "ERROR -
+    // SelectiveColorFilter::compute - need three planes" and the plane text above.
 
     // Guided smoothing of the chroma: per tile, Y / 65536 and ((Dr or Db) - 32768) scale[i] +
     // 32768 over 65536 form a colour guide; Dr and Db are each filtered along it (radius

@@ -60,12 +60,13 @@ void eachTile(Planes &in, Planes &out, int overlap, Work &&work) {
 // value alpha[i] + beta and leaves as (result - beta) / alpha[i]; the guide, when given,
 // enters as value gAlpha + gBeta. The float planes live across tiles, which are nearly all
 // of one size, so they are allocated once.
-void dtTiles(Planes &in, Planes *guide, Planes &out, float const alpha[3], float beta,
-             float gAlpha, float gBeta, DTFilter &filter) {
+void dtTiles(Planes &in, Planes *guide, Planes &out, float const alpha[3], float beta, float gAlpha,
+             float gBeta, DTFilter &filter) {
     Planes f(3), g(3);
     Mat merged, guideMerged, result, part;
     eachTile(in, out, 32, [&](Planes &tile, int const *rect) {
-        for (int i = 0; i < 3; ++i) tile[i].convertTo(f[i], CV_32F, alpha[i], beta);
+        for (int i = 0; i < 3; ++i)
+            tile[i].convertTo(f[i], CV_32F, alpha[i], beta);
         cv::merge(f, merged);
         if (guide) {
             for (int i = 0; i < 3; ++i) {

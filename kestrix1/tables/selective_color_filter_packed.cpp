@@ -61,13 +61,16 @@ std::vector<float> sumsByCode(std::uint16_t const *const *lut, Amounts const &m)
     parallelRows(codes / kChunk, std::int64_t(codes) * 24, [&](int b) {
         for (int j = 0; j < 3; ++j) {
             float *const out = sums.data() + std::size_t(j) * codes + b * kChunk;
-            for (int i = 0; i < kChunk; ++i) out[i] = 0.0f;
+            for (int i = 0; i < kChunk; ++i)
+                out[i] = 0.0f;
             for (int k = 0; k < 8; ++k) {
                 std::uint16_t const *t = lut[k] + b * kChunk;
                 float const a = m.a[j][k];
-                for (int i = 0; i < kChunk; ++i) out[i] += a * float(t[i]);
+                for (int i = 0; i < kChunk; ++i)
+                    out[i] += a * float(t[i]);
             }
-            for (int i = 0; i < kChunk; ++i) out[i] += m.add[j];
+            for (int i = 0; i < kChunk; ++i)
+                out[i] += m.add[j];
         }
     });
     return sums;
@@ -78,13 +81,16 @@ KX_VECTOR_CLONES
 void gatherSums(float const *sums, std::int32_t const *code, int n, float (*sum)[kChunk]) {
     constexpr int codes = SelectiveColorFilter::kTableCodes;
     for (int j = 0; j < 3; ++j)
-        for (int i = 0; i < n; ++i) sum[j][i] = sums[j * codes + code[i]];
+        for (int i = 0; i < n; ++i)
+            sum[j][i] = sums[j * codes + code[i]];
 }
 
 // The pixel loops below compute every candidate value and then select, without branches
 // or divisions under a condition, so that they vectorise.
 
-inline float clamp1(float k) { return k < -1.0f ? -1.0f : k > 1.0f ? 1.0f : k; }
+inline float clamp1(float k) {
+    return k < -1.0f ? -1.0f : k > 1.0f ? 1.0f : k;
+}
 
 // Truncation into 0..65535 (a wrapped hue of exactly 1 gives 65535).
 inline std::uint16_t trunc16(float v) {
@@ -99,7 +105,9 @@ inline std::uint16_t round16(float v) {
 }
 
 // The same in double, for |v| < 2^51.
-inline double round64(double v) { return (v + 6755399441055744.0) - 6755399441055744.0; }
+inline double round64(double v) {
+    return (v + 6755399441055744.0) - 6755399441055744.0;
+}
 
 // The hue turn shared by every path: x = turn + H, wrapped once into [0, 1].
 inline float turnHue(float turn, float h) {
@@ -124,7 +132,8 @@ void hlsChunk(std::uint16_t *p, int n, float const (*sum)[kChunk]) {
         float const ms = std::min(4.0f * S / kFull, 1.0f), ml = std::min(4.0f * L / kFull, 1.0f);
         float const kl = clamp1(sum[0][i] * ms * ml / kFull);
         float const ks = clamp1(sum[1][i] / kFull);
-        float const raise = S * (1.0f - ms * ml * ks) + kFull * ms * ml * ks, lower = S * (ks + 1.0f);
+        float const raise = S * (1.0f - ms * ml * ks) + kFull * ms * ml * ks,
+                    lower = S * (ks + 1.0f);
         px[0] = trunc16(kFull * turnHue(sum[2][i] / kFull, H / kFull));
         px[1] = trunc16(lift(L, kl, kFull));
         px[2] = trunc16(ks > 0.0f ? raise : lower);
@@ -207,14 +216,15 @@ void hls32Chunk(float *p, int n, float const (*sum)[kChunk]) {
 
 // Hue codes of a chunk, from a 16-bit plane or pixel (every `stride`-th value).
 inline void codesOf16(std::uint16_t const *h, int stride, int n, std::int32_t *code) {
-    for (int i = 0; i < n; ++i) code[i] = h[i * stride];
+    for (int i = 0; i < n; ++i)
+        code[i] = h[i * stride];
 }
 
 // Runs the rows of a packed path: for each chunk of each row, its hue codes (codes(y, x0,
 // n, code)), the set sums, then work(y, x0, n, sum). In parallel over rows unless `serial`.
 template <class Codes, class Work>
-void packedRows(int rows, int cols, bool serial, std::uint16_t const *const *lut,
-                Amounts const &m, Codes &&codes, Work &&work) {
+void packedRows(int rows, int cols, bool serial, std::uint16_t const *const *lut, Amounts const &m,
+                Codes &&codes, Work &&work) {
     std::vector<float> const sums = sumsByCode(lut, m);
     auto row = [&](int y) {
         std::int32_t code[kChunk];
@@ -227,7 +237,8 @@ void packedRows(int rows, int cols, bool serial, std::uint16_t const *const *lut
         }
     };
     if (serial) {
-        for (int y = 0; y < rows; ++y) row(y);
+        for (int y = 0; y < rows; ++y)
+            row(y);
     } else {
         parallelRows(rows, std::int64_t(rows) * cols * 8, row);
     }
@@ -235,7 +246,8 @@ void packedRows(int rows, int cols, bool serial, std::uint16_t const *const *lut
 
 // The tables the packed paths read, checked to exist.
 void requireTables(std::uint16_t const *const *lut) {
-    for (int k = 0; k < 8; ++k) kxRequire(lut[k] != nullptr, kErrTables);
+    for (int k = 0; k < 8; ++k)
+        kxRequire(lut[k] != nullptr, kErrTables);
 }
 
 }  // namespace
@@ -247,7 +259,8 @@ bool SelectiveColorFilter::procInHLSSpace(cv::Mat &image, cv::Mat const &hue, cv
     kxRequire(image.type() == CV_16UC3, kErrImage16);
     kxRequire(hue.type() == CV_16UC1 && hue.size() == image.size(), kErrHuePlane);
     std::uint16_t const *lut[8];
-    for (int k = 0; k < 8; ++k) lut[k] = m_lut[k].get();
+    for (int k = 0; k < 8; ++k)
+        lut[k] = m_lut[k].get();
     requireTables(lut);
     Amounts const m = amountsOf(lightness, saturation, hueShift, overall.lightness,
                                 overall.saturation, overall.hue);
@@ -256,7 +269,7 @@ bool SelectiveColorFilter::procInHLSSpace(cv::Mat &image, cv::Mat const &hue, cv
         [&](int y, int x0, int n, std::int32_t *code) {
             codesOf16(hue.ptr<std::uint16_t>(y) + x0, 1, n, code);
         },
-        [&](int y, int x0, int n, float const (*sum)[kChunk]) {
+        [&](int y, int x0, int n, float const(*sum)[kChunk]) {
             hlsChunk(image.ptr<std::uint16_t>(y) + 3 * x0, n, sum);
         });
     return true;
@@ -269,17 +282,18 @@ bool SelectiveColorFilter::procInHSVSpace(cv::Mat &image, cv::Mat const &hue, cv
     kxRequire(image.type() == CV_16UC3, kErrImage16);
     kxRequire(hue.type() == CV_16UC1 && hue.size() == image.size(), kErrHuePlane);
     std::uint16_t const *lut[8];
-    for (int k = 0; k < 8; ++k) lut[k] = m_lut[k].get();
+    for (int k = 0; k < 8; ++k)
+        lut[k] = m_lut[k].get();
     requireTables(lut);
-    Amounts const m = amountsOf(value, saturation, hueShift, overall.lightness,
-                                overall.saturation, overall.hue);
+    Amounts const m =
+        amountsOf(value, saturation, hueShift, overall.lightness, overall.saturation, overall.hue);
     bool const trace = Kestrix::m_tDebug_p != nullptr;
     packedRows(
         image.rows, image.cols, trace, lut, m,
         [&](int y, int x0, int n, std::int32_t *code) {
             codesOf16(hue.ptr<std::uint16_t>(y) + x0, 1, n, code);
         },
-        [&](int y, int x0, int n, float const (*sum)[kChunk]) {
+        [&](int y, int x0, int n, float const(*sum)[kChunk]) {
             float ks[kChunk];
             hsvChunk(image.ptr<std::uint16_t>(y) + 3 * x0, n, sum, ks);
             if (!trace) return;
@@ -297,7 +311,8 @@ bool SelectiveColorFilter::procInHLSSpaceSimple(cv::Mat &image, Set lightness, S
     if (image.empty()) return true;
     kxRequire(image.type() == CV_16UC3, kErrImage16);
     std::uint16_t const *lut[8];
-    for (int k = 0; k < 8; ++k) lut[k] = m_lut[k].get();
+    for (int k = 0; k < 8; ++k)
+        lut[k] = m_lut[k].get();
     requireTables(lut);
     Amounts const m = amountsOf(lightness, saturation, hueShift, 0.0f, 0.0f, overall.hue);
     packedRows(
@@ -305,7 +320,7 @@ bool SelectiveColorFilter::procInHLSSpaceSimple(cv::Mat &image, Set lightness, S
         [&](int y, int x0, int n, std::int32_t *code) {
             codesOf16(image.ptr<std::uint16_t>(y) + 3 * x0, 3, n, code);
         },
-        [&](int y, int x0, int n, float const (*sum)[kChunk]) {
+        [&](int y, int x0, int n, float const(*sum)[kChunk]) {
             hlsSimpleChunk(image.ptr<std::uint16_t>(y) + 3 * x0, n, sum, overall.lightness,
                            overall.saturation);
         });
@@ -317,30 +332,32 @@ bool SelectiveColorFilter::procInHSVSpaceSimple(cv::Mat &image, Set value, Set s
     if (image.empty()) return true;
     kxRequire(image.type() == CV_16UC3, kErrImage16);
     std::uint16_t const *lut[8];
-    for (int k = 0; k < 8; ++k) lut[k] = m_lut[k].get();
+    for (int k = 0; k < 8; ++k)
+        lut[k] = m_lut[k].get();
     requireTables(lut);
-    Amounts const m = amountsOf(value, saturation, hueShift, overall.lightness,
-                                overall.saturation, overall.hue);
+    Amounts const m =
+        amountsOf(value, saturation, hueShift, overall.lightness, overall.saturation, overall.hue);
     packedRows(
         image.rows, image.cols, false, lut, m,
         [&](int y, int x0, int n, std::int32_t *code) {
             codesOf16(image.ptr<std::uint16_t>(y) + 3 * x0, 3, n, code);
         },
-        [&](int y, int x0, int n, float const (*sum)[kChunk]) {
+        [&](int y, int x0, int n, float const(*sum)[kChunk]) {
             float ks[kChunk];
             hsvSimpleChunk(image.ptr<std::uint16_t>(y) + 3 * x0, n, sum, ks);
         });
     return true;
 }
 
-bool SelectiveColorFilter::procInHSLSpace_32f(cv::Mat &image, cv::Mat const &hue,
-                                              cv::Mat const &, Set lightness, Set saturation,
-                                              Set hueShift, Overall overall) {
+bool SelectiveColorFilter::procInHSLSpace_32f(cv::Mat &image, cv::Mat const &hue, cv::Mat const &,
+                                              Set lightness, Set saturation, Set hueShift,
+                                              Overall overall) {
     if (image.empty()) return true;
     kxRequire(image.type() == CV_32FC3, kErrImage32);
     kxRequire(hue.type() == CV_32FC1 && hue.size() == image.size(), kErrHuePlane32);
     std::uint16_t const *lut[8];
-    for (int k = 0; k < 8; ++k) lut[k] = m_lut[k].get();
+    for (int k = 0; k < 8; ++k)
+        lut[k] = m_lut[k].get();
     requireTables(lut);
     Amounts const m = amountsOf(lightness, saturation, hueShift, overall.lightness,
                                 overall.saturation, overall.hue);
@@ -348,9 +365,10 @@ bool SelectiveColorFilter::procInHSLSpace_32f(cv::Mat &image, cv::Mat const &hue
         image.rows, image.cols, false, lut, m,
         [&](int y, int x0, int n, std::int32_t *code) {
             float const *h = hue.ptr<float>(y) + x0;
-            for (int i = 0; i < n; ++i) code[i] = trunc16(kFull * h[i]);
+            for (int i = 0; i < n; ++i)
+                code[i] = trunc16(kFull * h[i]);
         },
-        [&](int y, int x0, int n, float const (*sum)[kChunk]) {
+        [&](int y, int x0, int n, float const(*sum)[kChunk]) {
             hls32Chunk(image.ptr<float>(y) + 3 * x0, n, sum);
         });
     return true;

@@ -367,7 +367,8 @@ Plan fourSetPlan(Set const &lightness, Set const &furtherSet, Set const &saturat
 // All CV_16UC1 of the first one's size. False when all are empty: the call returns at once.
 bool requirePlanes(std::initializer_list<cv::Mat const *> planes) {
     bool empty = true;
-    for (cv::Mat const *m : planes) empty = empty && m->empty();
+    for (cv::Mat const *m : planes)
+        empty = empty && m->empty();
     if (empty) return false;
     cv::Mat const &first = **planes.begin();
     for (cv::Mat const *m : planes)

@@ -72,7 +72,7 @@ INSTANTIATE_TEST_SUITE_P(EachSpaceAndDepth, ColorRuns,
                          });
 
 // Warmth adds red against blue, the floor lifts weak colours and the cut-off greys them, a
-// narrowed floor lifts less; all at the input's luminance. --time shows the stages.
+// narrowed floor lifts less; all at the input's luminance.
 TEST(ColorCommand, TableWarmsAndSetsAFloorForWeakColours) {
     TempDir dir;
     // A muted photograph: a quarter of its colour over its grey.
@@ -92,11 +92,6 @@ TEST(ColorCommand, TableWarmsAndSetsAFloorForWeakColours) {
     EXPECT_GT(lift, 1.1 * narrow);
     EXPECT_GT(narrow, chromaOf(same));
     EXPECT_LT(cut, 0.9 * chromaOf(same));
-
-    std::string const out =
-        kestrix(dir.path, "color in.png -o t.png --hue red=0.1 --tint 0.2 --time").out;
-    EXPECT_EQ(out.rfind("time to change the colour families: ", 0), 0u) << out;
-    EXPECT_NE(out.find("time to apply the colour table: "), std::string::npos) << out;
 }
 
 TEST(ColorCommand, ReadsFamiliesAndRefusesWrongLines) {

@@ -170,14 +170,6 @@ TEST(SelectiveColorFilterYDrDb, EveryFormWithinOneCodeOfItsFormulasAtEveryWidthA
     omp_set_num_threads(saved);
 }
 
-TEST(SelectiveColorFilterYDrDb, HueAmountOneAtACentreTurnsToTheOppositeHue) {
-    cv::Mat const hue(1, 2, CV_16UC1, cv::Scalar(0)), wt = hue + 65535;
-    Planes p{hue + 30000, hue + 31000, hue + 36000}, f;  // chroma (-1768, 3232)
-    Set h{{1}}, zero;
-    SelectiveColorFilter().proc(p, f, hue, wt, zero, zero, h);
-    EXPECT_TRUE(std::abs(p[1].at<u16>(1) - 34536) <= 1 && std::abs(p[2].at<u16>(1) - 29536) <= 1);
-}
-
 TEST(SelectiveColorFilterYDrDb, Proc2ComputesHueAndRangeAndRunsTheFourSetFormOnCopies) {
     Planes const all = sweep(), keep = sweep();
     Planes in(all.begin(), all.begin() + 4), out, hr;
