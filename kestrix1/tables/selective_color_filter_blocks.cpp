@@ -24,13 +24,19 @@ void requirePlanes(Planes const &p, cv::Size size) {
         kxRequire(p[i].type() == CV_16UC1 && p[i].size() == size, kxErrSelectivePlanes);
 }
 
-// out gets three planes of in's size and type, keeping those that already fit (in place
-// included).
-void prepareOut(Planes const &in, Planes &out) {
+// Checks in and the guide, when there is one, and gives out three planes of in's size and
+// type, keeping those that already fit (in place included). False when in is empty: there is
+// nothing to do.
+bool prepare(Planes const &in, Planes const *guide, Planes &out) {
+    kxRequire(in.size() >= 3 && (!guide || guide->size() >= 3), kErrThree);
+    if (in[0].empty()) return false;
+    requirePlanes(in, in[0].size());
+    if (guide) requirePlanes(*guide, in[0].size());
     if (out.size() < 3) out.resize(3);
     for (int i = 0; i < 3; ++i)
         if (out[i].size() != in[0].size() || out[i].type() != CV_16UC1)
             out[i].create(in[0].size(), CV_16UC1);
+    return true;
 }
 
 // The guide's part under a block into out: rect (x, y, w, h) copied to the block's top left
@@ -61,7 +67,9 @@ void eachTile(Planes &in, Planes &out, int overlap, Work &&work) {
 // enters as value gAlpha + gBeta. The float planes live across tiles, which are nearly all
 // of one size, so they are allocated once.
 void dtTiles(Planes &in, Planes *guide, Planes &out, float const alpha[3], float beta, float gAlpha,
-             float gBeta, DTFilter &filter) {
+             float gBeta, float sigmaS, float sigmaR) {
+    DTFilter filter;
+    filter.setup(sigmaS, sigmaR, 3, DTFilter::L1);
     Planes f(3), g(3);
     Mat merged, guideMerged, result, part;
     eachTile(in, out, 32, [&](Planes &tile, int const *rect) {
@@ -89,10 +97,7 @@ void dtTiles(Planes &in, Planes *guide, Planes &out, float const alpha[3], float
 
 bool SelectiveColorFilter::compute2(Planes &in, float *const scale, Planes &out, float radius,
                                     float eps) {
-    kxRequire(in.size() >= 3, kErrThree);
-    if (in[0].empty()) return true;
-    requirePlanes(in, in[0].size());
-    prepareOut(in, out);
+    if (!prepare(in, nullptr, out)) return true;
     int const r = int(radius);
     float const e = eps / 65535.0f;
     float const unit = 1.0f / 65536.0f;
@@ -114,43 +119,26 @@ bool SelectiveColorFilter::compute2(Planes &in, float *const scale, Planes &out,
 
 bool SelectiveColorFilter::compute3(Planes &in, Planes &guide, Planes &out, float sigmaS,
                                     float sigmaR) {
-    kxRequire(in.size() >= 3 && guide.size() >= 3, kErrThree);
-    if (in[0].empty()) return true;
-    requirePlanes(in, in[0].size());
-    requirePlanes(guide, in[0].size());
-    prepareOut(in, out);
-    DTFilter filter;
-    filter.setup(sigmaS, sigmaR, 3, DTFilter::L1);
+    if (!prepare(in, &guide, out)) return true;
     float const unit = 1.0f / 65536.0f, alpha[3] = {unit, unit, unit};
-    dtTiles(in, &guide, out, alpha, -0.5f, unit, -0.5f, filter);
+    dtTiles(in, &guide, out, alpha, -0.5f, unit, -0.5f, sigmaS, sigmaR);
     return true;
 }
 
 bool SelectiveColorFilter::compute4(Planes &in, float *const scale, Planes &guide, Planes &out,
                                     float sigmaS, float sigmaR) {
-    kxRequire(in.size() >= 3 && guide.size() >= 3, kErrThree);
-    if (in[0].empty()) return true;
-    requirePlanes(in, in[0].size());
-    requirePlanes(guide, in[0].size());
-    prepareOut(in, out);
-    DTFilter filter;
-    filter.setup(sigmaS, sigmaR * (1.0f / 65536.0f), 3, DTFilter::L1);
+    if (!prepare(in, &guide, out)) return true;
     float const unit = 1.0f / 65536.0f;
     float const alpha[3] = {scale[0] * unit, scale[1] * unit, scale[2] * unit};
-    dtTiles(in, &guide, out, alpha, 0.0f, unit, 0.0f, filter);
+    dtTiles(in, &guide, out, alpha, 0.0f, unit, 0.0f, sigmaS, sigmaR * unit);
     return true;
 }
 
 bool SelectiveColorFilter::compute5(Planes &in, float *const scale, Planes &out, float sigmaS,
                                     float sigmaR) {
-    kxRequire(in.size() >= 3, kErrThree);
-    if (in[0].empty()) return true;
-    requirePlanes(in, in[0].size());
-    prepareOut(in, out);
-    DTFilter filter;
-    filter.setup(sigmaS, sigmaR, 3, DTFilter::L1);
+    if (!prepare(in, nullptr, out)) return true;
     float const unit = 1.0f / 65536.0f;
     float const alpha[3] = {scale[0] * unit, scale[1] * unit, scale[2] * unit};
-    dtTiles(in, nullptr, out, alpha, 0.0f, 0.0f, 0.0f, filter);
+    dtTiles(in, nullptr, out, alpha, 0.0f, 0.0f, 0.0f, sigmaS, sigmaR);
     return true;
 }

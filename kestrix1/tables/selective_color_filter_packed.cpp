@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <memory>
 #include <vector>
 
 #include "kestrix1/frame/errors.h"
@@ -223,9 +224,8 @@ inline void codesOf16(std::uint16_t const *h, int stride, int n, std::int32_t *c
 // Runs the rows of a packed path: for each chunk of each row, its hue codes (codes(y, x0,
 // n, code)), the set sums, then work(y, x0, n, sum). In parallel over rows unless `serial`.
 template <class Codes, class Work>
-void packedRows(int rows, int cols, bool serial, std::uint16_t const *const *lut, Amounts const &m,
-                Codes &&codes, Work &&work) {
-    std::vector<float> const sums = sumsByCode(lut, m);
+void packedRows(int rows, int cols, bool serial, std::vector<float> const &sums, Codes &&codes,
+                Work &&work) {
     auto row = [&](int y) {
         std::int32_t code[kChunk];
         float sum[3][kChunk];
@@ -244,10 +244,22 @@ void packedRows(int rows, int cols, bool serial, std::uint16_t const *const *lut
     }
 }
 
-// The tables the packed paths read, checked to exist.
-void requireTables(std::uint16_t const *const *lut) {
+// The set sums at every hue code, from the first eight tables, which must exist.
+std::vector<float> sumsFor(std::shared_ptr<std::uint16_t[]> const *slots, Set const &s1,
+                           Set const &s2, Set const &s3, float o1, float o2, float o3) {
+    std::uint16_t const *lut[8];
     for (int k = 0; k < 8; ++k)
-        kxRequire(lut[k] != nullptr, kErrTables);
+        kxRequire((lut[k] = slots[k].get()) != nullptr, kErrTables);
+    return sumsByCode(lut, amountsOf(s1, s2, s3, o1, o2, o3));
+}
+
+// The image's type, and the hue plane's when there is one, checked.
+void requireImage(cv::Mat const &image, int type, cv::Mat const *hue) {
+    bool const f32 = type == CV_32FC3;
+    kxRequire(image.type() == type, f32 ? kErrImage32 : kErrImage16);
+    if (hue)
+        kxRequire(hue->type() == (f32 ? CV_32FC1 : CV_16UC1) && hue->size() == image.size(),
+                  f32 ? kErrHuePlane32 : kErrHuePlane);
 }
 
 }  // namespace
@@ -256,16 +268,11 @@ bool SelectiveColorFilter::procInHLSSpace(cv::Mat &image, cv::Mat const &hue, cv
                                           Set lightness, Set saturation, Set hueShift,
                                           Overall overall) {
     if (image.empty()) return true;
-    kxRequire(image.type() == CV_16UC3, kErrImage16);
-    kxRequire(hue.type() == CV_16UC1 && hue.size() == image.size(), kErrHuePlane);
-    std::uint16_t const *lut[8];
-    for (int k = 0; k < 8; ++k)
-        lut[k] = m_lut[k].get();
-    requireTables(lut);
-    Amounts const m = amountsOf(lightness, saturation, hueShift, overall.lightness,
-                                overall.saturation, overall.hue);
+    requireImage(image, CV_16UC3, &hue);
+    std::vector<float> const sums = sumsFor(m_lut, lightness, saturation, hueShift,
+                                            overall.lightness, overall.saturation, overall.hue);
     packedRows(
-        image.rows, image.cols, false, lut, m,
+        image.rows, image.cols, false, sums,
         [&](int y, int x0, int n, std::int32_t *code) {
             codesOf16(hue.ptr<std::uint16_t>(y) + x0, 1, n, code);
         },
@@ -279,17 +286,12 @@ bool SelectiveColorFilter::procInHSVSpace(cv::Mat &image, cv::Mat const &hue, cv
                                           Set value, Set saturation, Set hueShift,
                                           Overall overall) {
     if (image.empty()) return true;
-    kxRequire(image.type() == CV_16UC3, kErrImage16);
-    kxRequire(hue.type() == CV_16UC1 && hue.size() == image.size(), kErrHuePlane);
-    std::uint16_t const *lut[8];
-    for (int k = 0; k < 8; ++k)
-        lut[k] = m_lut[k].get();
-    requireTables(lut);
-    Amounts const m =
-        amountsOf(value, saturation, hueShift, overall.lightness, overall.saturation, overall.hue);
+    requireImage(image, CV_16UC3, &hue);
+    std::vector<float> const sums = sumsFor(m_lut, value, saturation, hueShift, overall.lightness,
+                                            overall.saturation, overall.hue);
     bool const trace = Kestrix::m_tDebug_p != nullptr;
     packedRows(
-        image.rows, image.cols, trace, lut, m,
+        image.rows, image.cols, trace, sums,
         [&](int y, int x0, int n, std::int32_t *code) {
             codesOf16(hue.ptr<std::uint16_t>(y) + x0, 1, n, code);
         },
@@ -309,14 +311,11 @@ bool SelectiveColorFilter::procInHSVSpace(cv::Mat &image, cv::Mat const &hue, cv
 bool SelectiveColorFilter::procInHLSSpaceSimple(cv::Mat &image, Set lightness, Set saturation,
                                                 Set hueShift, Overall overall) {
     if (image.empty()) return true;
-    kxRequire(image.type() == CV_16UC3, kErrImage16);
-    std::uint16_t const *lut[8];
-    for (int k = 0; k < 8; ++k)
-        lut[k] = m_lut[k].get();
-    requireTables(lut);
-    Amounts const m = amountsOf(lightness, saturation, hueShift, 0.0f, 0.0f, overall.hue);
+    requireImage(image, CV_16UC3, nullptr);
+    std::vector<float> const sums =
+        sumsFor(m_lut, lightness, saturation, hueShift, 0.0f, 0.0f, overall.hue);
     packedRows(
-        image.rows, image.cols, false, lut, m,
+        image.rows, image.cols, false, sums,
         [&](int y, int x0, int n, std::int32_t *code) {
             codesOf16(image.ptr<std::uint16_t>(y) + 3 * x0, 3, n, code);
         },
@@ -330,15 +329,11 @@ bool SelectiveColorFilter::procInHLSSpaceSimple(cv::Mat &image, Set lightness, S
 bool SelectiveColorFilter::procInHSVSpaceSimple(cv::Mat &image, Set value, Set saturation,
                                                 Set hueShift, Overall overall) {
     if (image.empty()) return true;
-    kxRequire(image.type() == CV_16UC3, kErrImage16);
-    std::uint16_t const *lut[8];
-    for (int k = 0; k < 8; ++k)
-        lut[k] = m_lut[k].get();
-    requireTables(lut);
-    Amounts const m =
-        amountsOf(value, saturation, hueShift, overall.lightness, overall.saturation, overall.hue);
+    requireImage(image, CV_16UC3, nullptr);
+    std::vector<float> const sums = sumsFor(m_lut, value, saturation, hueShift, overall.lightness,
+                                            overall.saturation, overall.hue);
     packedRows(
-        image.rows, image.cols, false, lut, m,
+        image.rows, image.cols, false, sums,
         [&](int y, int x0, int n, std::int32_t *code) {
             codesOf16(image.ptr<std::uint16_t>(y) + 3 * x0, 3, n, code);
         },
@@ -353,16 +348,11 @@ bool SelectiveColorFilter::procInHSLSpace_32f(cv::Mat &image, cv::Mat const &hue
                                               Set lightness, Set saturation, Set hueShift,
                                               Overall overall) {
     if (image.empty()) return true;
-    kxRequire(image.type() == CV_32FC3, kErrImage32);
-    kxRequire(hue.type() == CV_32FC1 && hue.size() == image.size(), kErrHuePlane32);
-    std::uint16_t const *lut[8];
-    for (int k = 0; k < 8; ++k)
-        lut[k] = m_lut[k].get();
-    requireTables(lut);
-    Amounts const m = amountsOf(lightness, saturation, hueShift, overall.lightness,
-                                overall.saturation, overall.hue);
+    requireImage(image, CV_32FC3, &hue);
+    std::vector<float> const sums = sumsFor(m_lut, lightness, saturation, hueShift,
+                                            overall.lightness, overall.saturation, overall.hue);
     packedRows(
-        image.rows, image.cols, false, lut, m,
+        image.rows, image.cols, false, sums,
         [&](int y, int x0, int n, std::int32_t *code) {
             float const *h = hue.ptr<float>(y) + x0;
             for (int i = 0; i < n; ++i)
