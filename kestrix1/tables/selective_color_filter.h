@@ -172,8 +172,8 @@ public:
               SelectiveColorParameters hueShift, OverallParameters overall);
 
     // in: Y, Dr, Db and a further plane (CV_16UC1, one size). Computes hue and range planes
-    // with compHueRange, copies in to out (four planes, (re)created) and runs the four-set
-    // proc on out with the range plane as weight. The second form hands the hue and range
+    // with compHueRange, then writes out (four planes, (re)created) as the four-set proc
+    // would on copies of in, with the range plane as weight; in is left as it was. The second form hands the hue and range
     // planes back in hueRange[0] and hueRange[1]. Throws "ERROR -
     // SelectiveColorFilter::proc2 - need Y, Dr, Db and a further plane" for fewer than four
     // in planes, then the proc texts.
@@ -193,7 +193,8 @@ public:
     // "ERROR - SelectiveColorFilter - tables 0 to 7 are not set up". An image of another
     // type throws "ERROR - SelectiveColorFilter - image must be CV_16UC3" (CV_32FC3 for the
     // float form), a hue plane of another size or type "ERROR - SelectiveColorFilter - hue
-    // plane must be CV_16UC1 of the image's size". All return true.
+    // plane must be CV_16UC1 of the image's size" (CV_32FC1 for the float form). An empty
+    // image returns at once. All return true.
 
     // H, L, S. Hue: x = sum3 / 65535 + H / 65535, wrapped into [0, 1], H' = trunc(65535 x).
     // Masks ms = min(4 S / 65535, 1), ml = min(4 L / 65535, 1). Lightness: k = sum1 ms ml /
