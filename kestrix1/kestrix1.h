@@ -38,6 +38,8 @@
 #include "kestrix1/image/scaling.h"
 #include "kestrix1/image/t_image.h"
 #include "kestrix1/image/tp_image.h"
+#include "kestrix1/mask/t_draw_mask.h"
+#include "kestrix1/mask/t_mask_cmd.h"
 #include "kestrix1/tables/mc_spline.h"
 #include "kestrix1/tables/selective_color_filter.h"
 #include "kestrix1/tables/t_color_adj_d3.h"

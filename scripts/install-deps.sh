@@ -9,7 +9,7 @@ packages=(
   libopencv-dev libopencv-contrib-dev
   liblcms2-dev libsuitesparse-dev
   libgtest-dev libbenchmark-dev gcovr
-  libcli11-dev
+  libcli11-dev nlohmann-json3-dev
   libsleef-dev
 )
 

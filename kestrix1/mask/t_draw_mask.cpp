@@ -1,0 +1,2 @@
+// The model, queue and history of TDrawMask.
+#include "kestrix1/mask/t_draw_mask.h"
