@@ -230,6 +230,8 @@ protected:
     void commitPaint();
     // If a refinement is on trial, brings the unrefined mask back and ends the trial.
     void postRestore();
+    // The committed mask becomes source's (scaled, nearest, when the sizes differ).
+    void copyFrom(TDrawMask const &source);
 
     cv::Mat m_rendered, m_committed, m_paint, m_source;  // CV_8UC1, working size
     unsigned char m_blendValue = 0;
