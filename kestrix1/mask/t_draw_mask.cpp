@@ -55,7 +55,8 @@ TDrawMask &TDrawMask::operator=(TDrawMask const &other) {
     m_postActive = other.m_postActive;
     m_renderPending = other.m_renderPending;
     m_applyFlag = other.m_applyFlag;
-    m_shapeOpen = other.m_shapeOpen;
+    m_lastType = other.m_lastType;
+    m_paintLive = other.m_paintLive;
     m_mergeMode = other.m_mergeMode;
     m_commands = other.m_commands;
     m_nextIdx = other.m_nextIdx;
@@ -121,8 +122,8 @@ void TDrawMask::setInImage(TPImage *image, bool scaleExisting) {
     copyRows(m_committed, m_rendered);
     m_source.release();
     m_postActive = false;
-    m_renderPending = false;
-    m_shapeOpen = false;
+    m_renderPending = m_paintLive = false;
+    m_lastType = TMaskCmd::Nothing;
     m_image = image;
     m_area[0] = 0, m_area[1] = 0, m_area[2] = size.width - 1, m_area[3] = size.height - 1;
 
@@ -240,11 +241,11 @@ void TDrawMask::render() {
 }
 
 void TDrawMask::commitPaint() {
-    if (m_renderPending) {
-        render();
-        copyRows(m_rendered, m_committed);
-    }
+    if (!m_paintLive) return;
+    render();
+    copyRows(m_rendered, m_committed);
     resetMask(m_paint, 0);
+    m_paintLive = false;
 }
 
 void TDrawMask::postRestore() {
@@ -266,11 +267,11 @@ bool TDrawMask::proc() {
     while (m_nextIdx + 1 < int(m_commands.size())) {
         TMaskCmd const &cmd = m_commands[std::size_t(++m_nextIdx)];
         TMaskParam *const p = cmd.param.get();
-        bool const shape = cmd.type == TMaskCmd::SuperMask;
+        bool const again = cmd.type == m_lastType;
         switch (cmd.type) {
         case TMaskCmd::SetValue:  // the blend value decides, not the command's own
             resetMask(m_paint, 0);
-            m_renderPending = false;
+            m_renderPending = m_paintLive = false;
             resetMask(m_committed, static_cast<unsigned char>(255 - m_blendValue));
             copyRows(m_committed, m_rendered);
             m_dirty = true;
@@ -297,13 +298,13 @@ bool TDrawMask::proc() {
             drawStrokeDot(p->useColorGate, p);
             m_prevPoint = p->pt1;
             m_strokeStarted = 0;
-            m_renderPending = true;
+            m_renderPending = m_paintLive = true;
             m_dirty = true;
             break;
         case TMaskCmd::SuperMask: {
             // A new shape takes the mask under it as its base; a shape right after a shape
             // (a slider being dragged) is drawn again over the same base.
-            if (!m_shapeOpen) {
+            if (!again) {
                 postRestore();
                 commitPaint();
                 copyRows(m_committed, m_source);
@@ -322,6 +323,7 @@ bool TDrawMask::proc() {
             break;
         }
         case TMaskCmd::GradientMask: {
+            if (!again) commitPaint();  // a new gradient; one right after redraws the last
             postRestore();
             copyRows(m_committed, m_rendered);
             cv::Point_<int> a(int(p->pt1.x * toWorkX), int(p->pt1.y * toWorkY));
@@ -331,7 +333,7 @@ bool TDrawMask::proc() {
             setPointInsideMat(m_gradStart, a, m_paint, aIn);
             setPointInsideMat(m_gradEnd, b, m_paint, bIn);
             drawGradientMask(m_paint, p->gradientType, m_gradStart, m_gradEnd);
-            m_renderPending = true;
+            m_renderPending = m_paintLive = true;
             m_dirty = true;
             break;
         }
@@ -365,7 +367,7 @@ bool TDrawMask::proc() {
         case TMaskCmd::CopyMask:
             if (p->maskSource != nullptr) {
                 resetMask(m_paint, 0);
-                m_renderPending = false;
+                m_renderPending = m_paintLive = false;
                 m_postActive = false;
                 copyFrom(*p->maskSource);
             }
@@ -374,7 +376,7 @@ bool TDrawMask::proc() {
         default:  // stroke end and type 8: nothing to draw
             break;
         }
-        m_shapeOpen = shape;
+        m_lastType = cmd.type;
     }
     render();
     return true;
@@ -451,28 +453,40 @@ void TDrawMask::recordFirstState() {
 void TDrawMask::snapshot() {
     if (m_committed.empty()) return;
     commitPaint();
-    copyRows(m_committed, m_rendered);
     addHist(m_postActive ? m_source : m_committed);
 }
 
+void TDrawMask::restoreState() {
+    std::vector<unsigned char> const &slot = m_hist[std::size_t(m_histCur)];
+    Mat &c = m_committed;
+    if (slot.size() != std::size_t(c.cols) * std::size_t(c.rows)) return;  // another size
+    m_rendered.create(c.size(), CV_8UC1);
+    parallelRows(c.rows, std::int64_t(c.total()), [&](int y) {
+        unsigned char const *row = slot.data() + std::size_t(y) * std::size_t(m_histRowBytes);
+        std::memcpy(c.ptr(y), row, std::size_t(c.cols));
+        std::memcpy(m_rendered.ptr(y), row, std::size_t(c.cols));
+    });
+    if (m_paintLive) resetMask(m_paint, 0);
+    m_renderPending = m_paintLive = m_postActive = false;
+}
+
 void TDrawMask::undo() {
-    m_dirty = !m_committed.empty() && undoMask(m_committed);
+    m_dirty = !m_committed.empty() && (histStatus() & 1);
     if (!m_dirty) return;
-    resetMask(m_paint, 0);
-    m_renderPending = m_postActive = false;
-    copyRows(m_committed, m_rendered);
+    m_histCur = decHistIdx(m_histCur);
+    restoreState();
 }
 
 void TDrawMask::redo() {
-    m_dirty = !m_committed.empty() && redoMask(m_committed);
+    m_dirty = !m_committed.empty() && (histStatus() & 2);
     if (!m_dirty) return;
-    resetMask(m_paint, 0);
-    m_renderPending = m_postActive = false;
-    copyRows(m_committed, m_rendered);
+    m_histCur = incHistIdx(m_histCur);
+    restoreState();
 }
 
 void TDrawMask::reset() {
     if (!m_paint.empty()) resetMask(m_paint, 0);
+    m_paintLive = false;
     m_dirty = true;
     m_renderPending = true;
     m_postActive = false;
@@ -484,6 +498,7 @@ void TDrawMask::reset() {
 void TDrawMask::copyMaskFrom(TDrawMask *source) {
     if (source == nullptr) return;
     if (!m_paint.empty()) resetMask(m_paint, 0);
+    m_paintLive = false;
     copyFrom(*source);
     m_dirty = true;
     m_postActive = false;
