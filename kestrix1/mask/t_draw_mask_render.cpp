@@ -95,12 +95,12 @@ void TDrawMask::offsetMask(float o, Mat &src, Mat &dst) {
 }
 
 void TDrawMask::invertMask(Mat &plane) {
-    if (pxXorC(plane.ptr<u8>(), stepOf(plane), sizeOf(plane), 255) != pxStsNoErr)
+    if (pxXorC(plane.data, stepOf(plane), sizeOf(plane), 255) != pxStsNoErr)
         throw kInvertError;
 }
 
 void TDrawMask::resetMask(Mat &plane, unsigned char value) {
-    if (pxSet(plane.ptr<u8>(), stepOf(plane), sizeOf(plane), value) != pxStsNoErr)
+    if (pxSet(plane.data, stepOf(plane), sizeOf(plane), value) != pxStsNoErr)
         throw kResetError;
 }
 
