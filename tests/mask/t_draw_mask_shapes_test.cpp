@@ -104,9 +104,10 @@ TEST(TDrawMaskShapes, GradientsFollowTheirFormulasInEveryMergeMode) {
                 int bad = 0;
                 for (int y = 0; y < out.rows; ++y)
                     for (int x = 0; x < out.cols; ++x)
-                        bad += out.at<u8>(y, x) !=
-                               merged(gradientAt(type, pq[0], pq[1], x, y), start.at<u8>(y, x),
-                                      mode);
+                        // The angular type's own arctangent may round one level apart.
+                        bad += std::abs(out.at<u8>(y, x) -
+                                        merged(gradientAt(type, pq[0], pq[1], x, y),
+                                               start.at<u8>(y, x), mode)) > (type == 2);
                 EXPECT_EQ(bad, 0) << "type " << type << " mode " << mode << " p " << pq[0];
             }
     // Coinciding points and unknown types leave the plane alone.
