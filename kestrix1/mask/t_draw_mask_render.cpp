@@ -74,14 +74,19 @@ void TDrawMask::postFilter(Mat &src, Mat &dst, int radius, float strength) {
 bool TDrawMask::scaleAlpha(Mat &src, Mat &dst) {
     int const low = m_contrastLow, high = m_contrastHigh, span = high - low;
     if (span == 255 || span < 1 || src.empty() || src.type() != CV_8UC1) return true;
-    dst.create(src.size(), CV_8UC1);
-    IppiSize const size = sizeOf(src);
-    if (pxThresholdLessGreater(src.ptr<u8>(), stepOf(src), dst.ptr<u8>(), stepOf(dst), size,
-                               u8(low), u8(high)) != pxStsNoErr)
+    // The clamp, the subtraction and the scaled product run once over the 256 codes, and
+    // the plane then takes one pass through the table they make.
+    u8 table[256];
+    for (int i = 0; i < 256; ++i)
+        table[i] = u8(i);
+    IppiSize const codes{256, 1};
+    if (pxThresholdLessGreater(table, 256, table, 256, codes, u8(low), u8(high)) != pxStsNoErr ||
+        pxSubC(table, 256, codes, u8(low)) != pxStsNoErr ||
+        pxMulCScale(table, 256, codes, u8(stretchFactor(span)), kStretchScale) != pxStsNoErr)
         return false;
-    return pxSubC(dst.ptr<u8>(), stepOf(dst), size, u8(low)) == pxStsNoErr &&
-           pxMulCScale(dst.ptr<u8>(), stepOf(dst), size, u8(stretchFactor(span)),
-                       kStretchScale) == pxStsNoErr;
+    dst.create(src.size(), CV_8UC1);
+    return pxLutPalette(src.ptr<u8>(), stepOf(src), dst.ptr<u8>(), stepOf(dst), sizeOf(src),
+                        table, 8) == pxStsNoErr;
 }
 
 void TDrawMask::contrastMask(float c, Mat &src, Mat &dst) {
