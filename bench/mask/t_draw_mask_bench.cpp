@@ -53,7 +53,8 @@ KX_SCALAR void scalarGradient(cv::Mat &m, int type, cv::Point p, cv::Point q) {
             } else if (type == 3) {
                 v = std::fabs(fx * k + c - fy) / std::fabs(D);
             } else if (type == 1) {
-                v = ((fx - float(p.x)) * (fx - float(p.x)) + (fy - float(p.y)) * (fy - float(p.y))) /
+                v = ((fx - float(p.x)) * (fx - float(p.x)) +
+                     (fy - float(p.y)) * (fy - float(p.y))) /
                     L2;
             } else if (type == 2) {
                 float const up = float(p.y) - fy;

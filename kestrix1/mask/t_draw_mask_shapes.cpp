@@ -46,7 +46,9 @@ inline int sat8(float x) {
 }
 
 // The mask value of a ramp position v: round((1 - S(v)) 255).
-inline int rampValue(float v) { return sat8((1.0f - smoothstep(v)) * 255.0f); }
+inline int rampValue(float v) {
+    return sat8((1.0f - smoothstep(v)) * 255.0f);
+}
 
 // How new values enter a row: 1 the minimum of new and old, 2 the maximum, else new. The
 // mode is tested once outside the loops so that each loop is straight-line and vectorises.
@@ -67,8 +69,8 @@ inline void mergeRow(u8 *__restrict row, int width, int mode, Value value) {
 // ---- gradient rows ----------------------------------------------------------------------------
 
 // Type 0: v = (x k + c - y) / D.
-KX_VECTOR_CLONES void linearRow(u8 *__restrict row, int width, float fy, float k, float c,
-                                float D, int mode) {
+KX_VECTOR_CLONES void linearRow(u8 *__restrict row, int width, float fy, float k, float c, float D,
+                                int mode) {
     mergeRow(row, width, mode, [=](int x) { return rampValue((float(x) * k + c - fy) / D); });
 }
 
@@ -100,7 +102,9 @@ inline float atan2Degrees(float y, float x) {
     float const u = upper ? (t - 1.0f) / (t + 1.0f) : t;
     float const z = u * u;
     float r = (((8.05374449538e-2f * z - 1.38776856032e-1f) * z + 1.99777106478e-1f) * z -
-               3.33329491539e-1f) * z * u + u;
+               3.33329491539e-1f) *
+                  z * u +
+              u;
     r = upper ? r + 0.78539816f : r;
     r = steep ? 1.57079633f - r : r;
     r = x < 0.0f ? 3.14159265f - r : r;
@@ -181,7 +185,8 @@ void TDrawMask::drawGradientMask(Mat &plane, int type, cv::Point_<int> &p, cv::P
         if (type == 0)
             eachRow([&](u8 *row, int y) { linearRow(row, cols, float(y), k, c, D, mode); });
         else
-            eachRow([&](u8 *row, int y) { bandRow(row, cols, float(y), k, c, std::fabs(D), mode); });
+            eachRow(
+                [&](u8 *row, int y) { bandRow(row, cols, float(y), k, c, std::fabs(D), mode); });
     } else if (type == 1) {
         float const L2 = float(dx * dx + dy * dy);
         if (L2 <= 0.5f) {
@@ -196,7 +201,8 @@ void TDrawMask::drawGradientMask(Mat &plane, int type, cv::Point_<int> &p, cv::P
         float const y0 = float(p.y - q.y);
         float a0 = atan2Degrees(y0, float(dx) + 0.0001f);
         if (y0 < 0.0f) a0 += 360.0f;
-        eachRow([&](u8 *row, int y) { angularRow(row, cols, float(p.y - y), float(p.x), a0, mode); });
+        eachRow(
+            [&](u8 *row, int y) { angularRow(row, cols, float(p.y - y), float(p.x), a0, mode); });
     } else {
         int const hx = p.x - (p.x + q.x + p.y - q.y) / 2;
         int const hy = (dx + p.y + q.y) / 2 - p.y;
@@ -219,8 +225,8 @@ void TDrawMask::drawSuperMask(Mat &plane, cv::Point_<int> &centre, float size, f
     if (plane.empty() || plane.type() != CV_8UC1 || m_image == nullptr) return;
     Mat const &Y16 = m_image->m_Y, &Dr = m_image->m_Dr, &Db = m_image->m_Db;
     int const rows = plane.rows, cols = plane.cols;
-    if (m_inputY.size() != plane.size() || Y16.size() != plane.size() ||
-        Dr.rows < (rows + 1) / 2 || Dr.cols < (cols + 1) / 2 || Db.size() != Dr.size())
+    if (m_inputY.size() != plane.size() || Y16.size() != plane.size() || Dr.rows < (rows + 1) / 2 ||
+        Dr.cols < (cols + 1) / 2 || Db.size() != Dr.size())
         return;
 
     DiscSetup s;
@@ -270,9 +276,8 @@ void TDrawMask::drawSuperShapeLUT(Mat &plane, int value, int cx, int cy, int a, 
     float const *co = m_cos.get();
     float const fa = float(a), fb = float(b), power = -1.0f / m;
     auto point = [&](int i) {
-        float const r = std::pow(std::pow(std::fabs(co[i] / fa), e1) +
-                                     std::pow(std::fabs(s[i] / fb), e2),
-                                 power);
+        float const r = std::pow(
+            std::pow(std::fabs(co[i] / fa), e1) + std::pow(std::fabs(s[i] / fb), e2), power);
         return cv::Point(int(float(cx) - s[i] * r), int(float(cy) + co[i] * r));
     };
     cv::Scalar const colour(value);

@@ -46,8 +46,12 @@ Mat pattern(int w, int h, int seed) {
     return m;
 }
 
-float smooth(float v) { return v < 0 ? 0.0f : v > 1 ? 1.0f : v * (3.0f - 2.0f * v) * v; }
-int toByte(float v) { return int(std::lround(std::min(std::max(v, 0.0f), 255.0f))); }
+float smooth(float v) {
+    return v < 0 ? 0.0f : v > 1 ? 1.0f : v * (3.0f - 2.0f * v) * v;
+}
+int toByte(float v) {
+    return int(std::lround(std::min(std::max(v, 0.0f), 255.0f)));
+}
 int merged(int v, int old, int mode) {
     return mode == 1 ? std::min(v, old) : mode == 2 ? std::max(v, old) : v;
 }
@@ -95,8 +99,8 @@ Mat drawn(int type, Pt p, Pt q, int mode, Mat const &start) {
 
 TEST(TDrawMaskShapes, GradientsFollowTheirFormulasInEveryMergeMode) {
     Mat const start = pattern(37, 23, 1);
-    Pt const pairs[][2] = {{{5, 7}, {30, 18}}, {{30, 4}, {9, 20}}, {{18, 11}, {18, 2}},
-                           {{3, 20}, {25, 20}}};
+    Pt const pairs[][2] = {
+        {{5, 7}, {30, 18}}, {{30, 4}, {9, 20}}, {{18, 11}, {18, 2}}, {{3, 20}, {25, 20}}};
     for (int type = 0; type < 5; ++type)
         for (auto const &pq : pairs)
             for (int mode = 0; mode < 3; ++mode) {
@@ -144,8 +148,8 @@ TEST(TDrawMaskShapes, GradientLandmarks) {
 }
 
 // The disc before its guided pass, from the formulas.
-Mat discReference(TPImage const &im, Mat const &y32, Mat const &start, Pt c, float size,
-                  float tol, int mode) {
+Mat discReference(TPImage const &im, Mat const &y32, Mat const &start, Pt c, float size, float tol,
+                  int mode) {
     int const w = std::max(c.x, start.cols - 1 - c.x), h = std::max(c.y, start.rows - 1 - c.y);
     double const R2 = double(w) * w + double(h) * h;
     double const grow = size > 0.8f ? (size - 0.8) * 8 + 2.004 : 2.48 * size + 0.02;
@@ -167,10 +171,10 @@ Mat discReference(TPImage const &im, Mat const &y32, Mat const &start, Pt c, flo
             float const d2 = float((x - c.x) * (x - c.x) + (y - c.y) * (y - c.y));
             float const cov =
                 inner > d2 ? 1 : std::exp((d2 - inner) / (-0.01f - (outer - inner)) * e);
-            float const q = (1.2f * std::fabs(y32.at<float>(y, x) - y0) +
-                             6.0f * (std::fabs(dr(im.m_Dr, x, y) - dr0) +
-                                     std::fabs(dr(im.m_Db, x, y) - db0))) *
-                            (1.44f * tol + 0.56f) / (0.01f + cov);
+            float const q =
+                (1.2f * std::fabs(y32.at<float>(y, x) - y0) +
+                 6.0f * (std::fabs(dr(im.m_Dr, x, y) - dr0) + std::fabs(dr(im.m_Db, x, y) - db0))) *
+                (1.44f * tol + 0.56f) / (0.01f + cov);
             float const v = cov * (1.0f - smooth(q)) * 255.0f;
             u8 &o = out.at<u8>(y, x);
             o = u8(mode == 0 ? toByte((v - float(lo)) * (255.0f / float(hi - lo)))
@@ -239,8 +243,8 @@ TEST(TDrawMaskShapes, ContrastOffsetAndTheStretch) {
         bool contrast;
         float amount;
         int low, high;
-    } const steps[] = {{true, 0, 0, 255},  {true, 1, 50, 155},   {false, 1, 0, 55},
-                       {true, 1, 50, 155}, {false, -1, 150, 255}, {true, 0.37f, 18, 218},
+    } const steps[] = {{true, 0, 0, 255},    {true, 1, 50, 155},    {false, 1, 0, 55},
+                       {true, 1, 50, 155},   {false, -1, 150, 255}, {true, 0.37f, 18, 218},
                        {false, 0.2f, 0, 198}};
     Mat ramp(1, 256, CV_8UC1);
     for (int i = 0; i < 256; ++i)
