@@ -184,7 +184,8 @@ public:
     //   0), a the same of (p.y - y, x - p.x + 0.0001), a' = a - a0 (plus 360 when negative),
     //   v = 1 - a' / 360: a hard seam along the start direction. The arctangent is our own
     //   vectorised one, within 2e-7 rad of the C library's, so a value can differ by one
-    //   level where the rounding is a tie.
+    //   level where the rounding is a tie, and a pixel whose centre lies exactly on the seam
+    //   may fall on either side of it.
     // - 3 mirrored linear: as 0 with v = |x k + c - y| / |D|. We take the magnitude of D, so
     //   that the band is 255 on the line through p and reaches 0 at q's line on both sides
     //   whatever the direction from p to q (a signed D would fill the plane with 255 for
