@@ -6,6 +6,7 @@
 #include <omp.h>
 
 #include <cmath>
+#include <numeric>
 
 #include "kestrix1/filters/guided.h"
 #include "kestrix1/image/tp_image.h"
@@ -17,6 +18,7 @@ using cv::Mat;
 using u8 = std::uint8_t;
 using Pt = cv::Point_<int>;
 using F = float;
+using std::max, std::min;
 
 Mat pattern(int w, int h, int seed) {
     Mat m(h, w, CV_8UC1);
@@ -45,9 +47,7 @@ void atThreadCounts(Check check) {
 
 auto const smooth = [](F v) { return v < 0 ? 0 : v > 1 ? 1 : v * (3 - 2 * v) * v; };
 auto const toByte = [](F v) { return int(std::lround(std::min(std::max(v, F(0)), F(255)))); };
-auto const merged = [](int v, int b, int m) {
-    return m == 1 ? std::min(v, b) : m == 2 ? std::max(v, b) : v;
-};
+auto const merged = [](int v, int b, int m) { return m == 1 ? min(v, b) : m == 2 ? max(v, b) : v; };
 auto const degrees = [](F y, F x) { return std::atan2(y, x) * 180 / F(M_PI) + (y < 0 ? 360 : 0); };
 
 // The gradient value at (x, y), from the formulas one pixel at a time.
@@ -90,13 +90,12 @@ TEST(TDrawMaskShapes, GradientsFollowTheirFormulasInEveryMergeMode) {
                 EXPECT_EQ(bad, 0) << "type " << type << " mode " << mode << " p " << pq[0];
             }
     });
-    Mat rad = zero.clone(), ang = zero.clone(), same = zero.clone();  // 255 at the start, 0 from
-    o.setMergeMode(0);  // the end on; a seam right of p
-    Pt p(20, 11), q(30, 11);
-    o.drawGradientMask(rad, 1, p, q);
-    o.drawGradientMask(ang, 2, p, q);
-    o.drawGradientMask(same, 1, p, p);
-    EXPECT_EQ(rad.at<u8>(11, 20) + rad.at<u8>(11, 30) + rad.at<u8>(1, 36) + cv::sum(same)[0], 255);
+    Mat rad = zero.clone(), ang = zero.clone();  // 255 at the start, 0 from the end on, no
+    Pt p(20, 11), q(30, 11);                     // change for p == q; a seam right of p
+    o.setMergeMode(0);
+    o.drawGradientMask(rad, 1, p, q), o.drawGradientMask(rad, 1, q, q),
+        o.drawGradientMask(ang, 2, p, q);
+    EXPECT_EQ(rad.at<u8>(11, 20) + rad.at<u8>(11, 30) + rad.at<u8>(1, 36), 255);
     EXPECT_EQ((ang.at<u8>(10, 35) < 3) + (ang.at<u8>(12, 35) > 252), 2);
 }
 
@@ -134,7 +133,7 @@ TEST(TDrawMaskShapes, SuperMaskRadiiGateAndMergeMatchTheReference) {
     TPImage im = image(61, 43);
     TDrawMask o;
     o.setInImage(&im, false);
-    Mat const start = pattern(61, 43, 2);
+    Mat start = pattern(61, 43, 2), out;
     atThreadCounts([&] {
         for (F size : {F(0), F(0.8), F(0.96)})
             for (int mode : {0, 2}) {
@@ -144,6 +143,14 @@ TEST(TDrawMaskShapes, SuperMaskRadiiGateAndMergeMatchTheReference) {
                 Pt c(13, 30);
                 o.drawSuperMask(plane, c, size, 0, 0, F(0.3));
                 EXPECT_EQ(cv::norm(plane, ref, cv::NORM_INF), 0) << size << " mode " << mode;
+                for (int r = 0; r < 3; ++r) {  // the disc as coverage, 0 at the edges included
+                    o.renderMask(start, plane, out, u8(99 * r), r);
+                    for (int i = 0; i < int(out.total()); ++i) {
+                        double const a = ref.data[i] / 255.0,
+                                     v = 99 * r * a + (1 - a) * start.data[i];
+                        ASSERT_EQ(out.data[i], merged(int(std::lround(v)), start.data[i], r)) << i;
+                    }
+                }
             }
     });
     Mat ring(81, 83, CV_8UC1, cv::Scalar(0));  // a superellipse with m = e1 = e2 = 2, a = b
@@ -154,29 +161,13 @@ TEST(TDrawMaskShapes, SuperMaskRadiiGateAndMergeMatchTheReference) {
               200);
 }
 
-TEST(TDrawMaskShapes, RenderMaskInEveryMode) {
-    Mat base = pattern(263, 131, 3), cover = pattern(263, 131, 4), out;  // coverage 0 included
+TEST(TDrawMaskShapes, StretchRefinementAndFills) {
     TDrawMask o;
-    atThreadCounts([&] {
-        for (int value : {0, 77, 255})
-            for (int mode : {0, 1, 2}) {
-                o.renderMask(base, cover, out, u8(value), mode);
-                for (int i = 0; i < int(base.total()); ++i) {
-                    double const a = cover.data[i] / 255.0, r = value * a + (1 - a) * base.data[i];
-                    ASSERT_EQ(out.data[i], merged(int(std::lround(r)), base.data[i], mode)) << i;
-                }
-            }
-    });
-}
-
-TEST(TDrawMaskShapes, ContrastOffsetAndTheStretch) {
     // contrast (1) or offset (0), amount, the low and high that follow
     F const steps[][4] = {
         {1, 0, 0, 255}, {1, 1, 50, 155}, {0, 1, 0, 55}, {1, 1, 50, 155}, {0, -1, 150, 255}};
-    TDrawMask o;
     Mat ramp(1, 256, CV_8UC1), dst;
-    for (int i = 0; i < 256; ++i)
-        ramp.data[i] = u8(i);
+    std::iota(ramp.data, ramp.data + 256, 0);
     for (auto const &s : steps) {
         dst = Mat(1, 256, CV_8UC1, cv::Scalar(9));
         s[0] != 0 ? o.contrastMask(s[1], ramp, dst) : o.offsetMask(s[1], ramp, dst);
@@ -187,13 +178,9 @@ TEST(TDrawMaskShapes, ContrastOffsetAndTheStretch) {
             ASSERT_EQ(dst.data[i], c == 32 ? 9 : std::min(255, int(std::nearbyint(t * c / 32.0))));
         }
     }
-}
-
-TEST(TDrawMaskShapes, PostFilterPathsEpsAndStretchAndTheFills) {
     TPImage im = image(47, 31);
-    TDrawMask o;
     o.setInImage(&im, false);
-    Mat src = pattern(47, 31, 5), y = o.inputY().clone(), dst, ref, empty;
+    Mat src = pattern(47, 31, 5), y = o.inputY().clone(), ref, empty;
     o.setMaskContrast(0);
     o.boxFilterSmooth(src, ref, 2, 3);
     o.postFilter(src, dst, 2, F(0.009));
