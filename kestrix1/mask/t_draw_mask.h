@@ -14,9 +14,10 @@
 // dots and gradients lay coverage into the paint mask and mark a render pending; "render"
 // composites paint over committed into the rendered mask with the blend value; and the
 // paint is committed (committed = rendered, paint cleared) whenever something else is about
-// to work on the committed mask: the start of the next stroke or gradient, a fill, an
-// inversion, a shape, a refinement, a copy, and snapshot. proc renders before it returns,
-// so the rendered mask always shows what was queued.
+// to work on the committed mask: the start of the next stroke, a new gradient, a fill, an
+// inversion, a shape, a refinement, a copy, and snapshot. A gradient (or shape) queued
+// right after another replaces it, as when a host re-queues one while the user drags.
+// proc renders before it returns, so the rendered mask always shows what was queued.
 #pragma once
 
 #include <array>
@@ -218,6 +219,9 @@ protected:
     void clearMaskHist();
     void copyInHist(cv::Mat const &plane);
     void copyOutHist(cv::Mat &plane);
+    // Slot C into the committed and rendered masks in one pass, the paint cleared: a state
+    // as undo and redo bring it back.
+    void restoreState();
     bool isHistEmpty() const { return m_histStart < 0; }
     int incHistIdx(int i) const { return i >= m_histHigh ? m_histLow : i + 1; }
     int decHistIdx(int i) const { return i <= m_histLow ? m_histHigh : i - 1; }
@@ -230,6 +234,8 @@ protected:
     void commitPaint();
     // If a refinement is on trial, brings the unrefined mask back and ends the trial.
     void postRestore();
+    // The committed mask becomes source's (scaled, nearest, when the sizes differ).
+    void copyFrom(TDrawMask const &source);
 
     cv::Mat m_rendered, m_committed, m_paint, m_source;  // CV_8UC1, working size
     unsigned char m_blendValue = 0;
@@ -237,7 +243,10 @@ protected:
     bool m_postActive = false;
     bool m_renderPending = false;
     bool m_applyFlag = false;
-    bool m_shapeOpen = false;  // the last command run was a shape: the next redraws its base
+    // The type of the last command run: a shape or gradient right after one of its kind
+    // (a slider or a drag) is drawn again over the same base.
+    int m_lastType = TMaskCmd::Nothing;
+    bool m_paintLive = false;  // the paint mask holds coverage not yet in the committed mask
     int m_mergeMode = 0;
     std::vector<TMaskCmd> m_commands;
     int m_nextIdx = -1;  // the last command run, -1 when none
