@@ -24,33 +24,68 @@ namespace {
 
 // x rounded to nearest, ties to even, for 0 <= x < 2^51: the addition leaves no bits below
 // the units, and unlike std::nearbyint it vectorises on every target.
-inline double roundEven(double x) { return (x + 6755399441055744.0) - 6755399441055744.0; }
+inline double roundEven(double x) {
+    return (x + 6755399441055744.0) - 6755399441055744.0;
+}
 
-inline double clamp255(double x) { return std::min(std::max(x, 0.0), 255.0); }
+inline double clamp255(double x) {
+    x = x > 0.0 ? x : 0.0;
+    return x < 255.0 ? x : 255.0;
+}
 
-// One row of a soft dot without gate: m = rint(v w + m (1 - w)), w from the table.
-KX_VECTOR_CLONES void plainRow(float const *__restrict dist, float const *__restrict lut,
-                               double v, std::uint8_t *__restrict m, int n) {
-    for (int i = 0; i < n; ++i) {
-        double const w = lut[int(dist[i] + 0.5f)];
-        m[i] = std::uint8_t(roundEven(clamp255(v * w + double(m[i]) * (1.0 - w))));
+// The row kernels take pixels in chunks and give each step a loop of its own: the table
+// lookup, the gate, the blend. So split, every loop vectorises; one loop holding both the
+// gate's limit and the blend's clamp does not.
+constexpr int kChunk = 256;
+
+// w = table[trunc(d + 0.5)] for n <= kChunk distances.
+inline void coverage(float const *__restrict dist, float const *__restrict lut, float *__restrict w,
+                     int n) {
+    for (int i = 0; i < n; ++i)
+        w[i] = lut[int(dist[i] + 0.5f)];
+}
+
+// One row of a soft dot without gate: m = rint(v w + m (1 - w)).
+KX_VECTOR_CLONES void plainRow(float const *__restrict dist, float const *__restrict lut, double v,
+                               std::uint8_t *__restrict m, int n) {
+    float w[kChunk];
+    for (int s = 0; s < n; s += kChunk) {
+        int const len = std::min(kChunk, n - s);
+        coverage(dist + s, lut, w, len);
+        std::uint8_t *__restrict ms = m + s;
+        for (int i = 0; i < len; ++i) {
+            double const wi = w[i];
+            ms[i] = std::uint8_t(roundEven(clamp255(v * wi + double(ms[i]) * (1.0 - wi))));
+        }
     }
 }
 
-// One row of a gated soft dot. y is the row's Y; chroma6 holds 6 (|Dr - Dr0| + |Db - Db0|)
-// per pixel. The gate's denominator w + 0.1 is taken in double, or in float with floatDen
-// (the two dot members differ there, and hosts see the difference in the last unit).
+// One row of a gated soft dot: g = w (1 - q^2 (3 - 2q)), q = min(1, (1.5 |Y - Y0| + chroma6)
+// / (w + 0.1)), m = trunc(v g + m (1 - g)). chroma6 holds 6 (|Dr - Dr0| + |Db - Db0|) per
+// pixel. The denominator is taken in double, or in float with floatDen (the two dot
+// members differ there, in the last unit).
 template <bool floatDen>
 inline void gatedRowBody(float const *__restrict dist, float const *__restrict lut,
                          float const *__restrict y, float y0, double const *__restrict chroma6,
                          double v, std::uint8_t *__restrict m, int n) {
-    for (int i = 0; i < n; ++i) {
-        float const w = lut[int(dist[i] + 0.5f)];
-        double const num = 1.5 * double(std::fabs(y[i] - y0)) + chroma6[i];
-        double const den = floatDen ? double(0.1f + w) : double(w) + 0.1;
-        double const q = std::min(num / den, 1.0);
-        double const g = double(w) * (1.0 - q * q * (3.0 - 2.0 * q));
-        m[i] = std::uint8_t(clamp255(v * g + double(m[i]) * (1.0 - g)));
+    float w[kChunk];
+    double q[kChunk];
+    for (int s = 0; s < n; s += kChunk) {
+        int const len = std::min(kChunk, n - s);
+        coverage(dist + s, lut, w, len);
+        float const *__restrict ys = y + s;
+        double const *__restrict cs = chroma6 + s;
+        for (int i = 0; i < len; ++i) {
+            double const num = 1.5 * double(std::fabs(ys[i] - y0)) + cs[i];
+            double const den = floatDen ? double(0.1f + w[i]) : double(w[i]) + 0.1;
+            double const ratio = num / den;
+            q[i] = ratio < 1.0 ? ratio : 1.0;
+        }
+        std::uint8_t *__restrict ms = m + s;
+        for (int i = 0; i < len; ++i) {
+            double const g = double(w[i]) * (1.0 - q[i] * q[i] * (3.0 - 2.0 * q[i]));
+            ms[i] = std::uint8_t(int(clamp255(v * g + double(ms[i]) * (1.0 - g))));
+        }
     }
 }
 
@@ -60,10 +95,14 @@ KX_VECTOR_CLONES void gatedRow(float const *dist, float const *lut, float const 
 }
 
 KX_VECTOR_CLONES void gatedRowFloatDen(float const *dist, float const *lut, float const *y,
-                                       float y0, double const *chroma6, double v,
-                                       std::uint8_t *m, int n) {
+                                       float y0, double const *chroma6, double v, std::uint8_t *m,
+                                       int n) {
     gatedRowBody<true>(dist, lut, y, y0, chroma6, v, m, n);
 }
+
+// A row copy or a masked set costs a small part of a soft dot's pixel: their loops count
+// this many elements as one unit of work, so that threads only start for large squares.
+constexpr std::int64_t kCheapPerUnit = 8;
 
 // The Euclidean distance from the centre of a square of side 2r + 1, CV_32FC1.
 cv::Mat distanceSquare(int r) {
@@ -72,7 +111,7 @@ cv::Mat distanceSquare(int r) {
     float *row0 = dx.ptr<float>(0);
     for (int x = 0; x < n; ++x)
         row0[x] = float(std::abs(x - r));
-    parallelRows(n, std::int64_t(n) * n, [&](int y) {
+    parallelRows(n, std::int64_t(n) * n / kCheapPerUnit, [&](int y) {
         if (y > 0) std::memcpy(dx.ptr<float>(y), row0, sizeof(float) * n);
     });
     cv::transpose(dx, dy);
@@ -177,34 +216,39 @@ void softDot(SoftDot const &dot) {
         ref0.db = float(db.at<std::uint16_t>(hy, hx)) / 65535.0f;
     }
 
-    // The chroma term per half-size row of the clipped square, expanded to full-size columns
-    // so that the row kernel reads it contiguously.
-    int const hy0 = my / 2, hrows = (my + rows - 1) / 2 - hy0 + 1;
-    cv::Mat chroma(hrows, cols, CV_64FC1, cv::Scalar(0));
-    if (hasChroma) {
-        parallelRows(hrows, std::int64_t(hrows) * cols, [&](int j) {
-            int const hy = std::min(hy0 + j, dr.rows - 1);
-            std::uint16_t const *pr = dr.ptr<std::uint16_t>(hy);
-            std::uint16_t const *pb = db.ptr<std::uint16_t>(hy);
-            double *out = chroma.ptr<double>(j);
-            for (int i = 0; i < cols; ++i) {
-                int const hx = std::min((mx + i) / 2, dr.cols - 1);
-                float const dDr = std::fabs(float(pr[hx]) / 65535.0f - ref0.dr);
-                float const dDb = std::fabs(float(pb[hx]) / 65535.0f - ref0.db);
-                out[i] = 6.0 * (double(dDr) + double(dDb));
-            }
-        });
-    }
+    // Each band of rows first lays out the chroma term of its half-size rows, expanded to
+    // full-size columns so that the row kernel reads it contiguously. Neighbouring bands may
+    // both work out a half row they share; they get the same values.
+    int const hx0 = mx / 2, hcols = (mx + cols - 1) / 2 - hx0 + 1;
     std::vector<float> const flatY(hasY ? 0 : cols, 0.0f);
     auto *const row = dot.floatDen ? gatedRowFloatDen : gatedRow;
-    parallelRows(rows, work, [&](int j) {
-        int a, b;
-        span(sy0 + j, a, b);
-        if (a >= b) return;
-        int const y = my + j, off = a - sx0;
-        float const *py = hasY ? inputY.ptr<float>(y) + mx + off : flatY.data() + off;
-        row(dist.ptr<float>(sy0 + j) + a, lut, py, ref0.y, chroma.ptr<double>(y / 2 - hy0) + off,
-            v, paint.ptr(y) + mx + off, b - a);
+    parallelBands(rows, work, [&](int j0, int j1) {
+        int const h0 = (my + j0) / 2, h1 = (my + j1 - 1) / 2;
+        std::vector<double> chroma(std::size_t(h1 - h0 + 1) * cols, 0.0), half(hcols);
+        for (int h = h0; hasChroma && h <= h1; ++h) {
+            int const hy = std::min(h, dr.rows - 1);
+            std::uint16_t const *pr = dr.ptr<std::uint16_t>(hy);
+            std::uint16_t const *pb = db.ptr<std::uint16_t>(hy);
+            for (int i = 0; i < hcols; ++i) {
+                int const hx = std::min(hx0 + i, dr.cols - 1);
+                float const dDr = std::fabs(float(pr[hx]) / 65535.0f - ref0.dr);
+                float const dDb = std::fabs(float(pb[hx]) / 65535.0f - ref0.db);
+                half[i] = 6.0 * (double(dDr) + double(dDb));
+            }
+            double *out = chroma.data() + std::size_t(h - h0) * cols;
+            for (int i = 0; i < cols; ++i)
+                out[i] = half[(mx + i) / 2 - hx0];
+        }
+        for (int j = j0; j < j1; ++j) {
+            int a, b;
+            span(sy0 + j, a, b);
+            if (a >= b) continue;
+            int const y = my + j, off = a - sx0;
+            float const *py = hasY ? inputY.ptr<float>(y) + mx + off : flatY.data() + off;
+            double const *pc = chroma.data() + std::size_t(y / 2 - h0) * cols + off;
+            row(dist.ptr<float>(sy0 + j) + a, lut, py, ref0.y, pc, v, paint.ptr(y) + mx + off,
+                b - a);
+        }
     });
 }
 
@@ -257,8 +301,8 @@ void TDrawMask::checkBoundary(cv::Point_<int> &centre, int r) {
     m_clip[3] = centre.y + r > bottom ? n - (centre.y + r) + bottom : n;
 }
 
-void TDrawMask::setPointInsideMat(cv::Point_<int> &out, cv::Point_<int> &candidate,
-                                  cv::Mat &plane, cv::Point_<int> &fallback) {
+void TDrawMask::setPointInsideMat(cv::Point_<int> &out, cv::Point_<int> &candidate, cv::Mat &plane,
+                                  cv::Point_<int> &fallback) {
     bool const inside = candidate.x >= 0 && candidate.y >= 0 && candidate.x < plane.cols &&
                         candidate.y < plane.rows;
     out = inside ? candidate : fallback;
@@ -273,8 +317,8 @@ void TDrawMask::drawStrokeDot(bool gate, TMaskParam *p) {
     brushMaskDotLUT(p->value, p->flow, p->pt1, p->radius, p->useColorGate, p->useRefPoint);
 }
 
-void TDrawMask::brushMaskDot(unsigned char value, float flow, cv::Point_<int> centre, int r,
-                             int ri, bool useColorGate, bool useRefPoint) {
+void TDrawMask::brushMaskDot(unsigned char value, float flow, cv::Point_<int> centre, int r, int ri,
+                             bool useColorGate, bool useRefPoint) {
     updateLUT(r, ri);
     if (m_paint.empty() || r < 0) return;
     checkBoundary(centre, r);
@@ -303,7 +347,7 @@ void TDrawMask::brushDumbDot(unsigned char value, float flow, cv::Point_<int> ce
     cv::Mat marks;
     cv::compare(distanceSquare(r), double(r), marks, cv::CMP_LE);
     int const rows = sy1 - sy0, cols = sx1 - sx0;
-    parallelRows(rows, std::int64_t(rows) * cols, [&](int j) {
+    parallelRows(rows, std::int64_t(rows) * cols / kCheapPerUnit, [&](int j) {
         pxSetMasked(m_paint.ptr(my + j) + mx, int(m_paint.step), IppiSize{cols, 1}, value,
                     marks.ptr(sy0 + j) + sx0, int(marks.step));
     });
