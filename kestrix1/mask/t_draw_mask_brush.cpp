@@ -22,7 +22,7 @@
 
 namespace {
 
-// x rounded to nearest, ties to even, for 0 <= x < 2^51: the addition leaves no bits below
+// x rounded to nearest, ties to even, for |x| < 2^51: the addition leaves no bits below
 // the units, and unlike std::nearbyint it vectorises on every target.
 inline double roundEven(double x) {
     return (x + 6755399441055744.0) - 6755399441055744.0;
@@ -55,7 +55,7 @@ KX_VECTOR_CLONES void plainRow(float const *__restrict dist, float const *__rest
         std::uint8_t *__restrict ms = m + s;
         for (int i = 0; i < len; ++i) {
             double const wi = w[i];
-            ms[i] = std::uint8_t(roundEven(clamp255(v * wi + double(ms[i]) * (1.0 - wi))));
+            ms[i] = std::uint8_t(int(clamp255(roundEven(v * wi + double(ms[i]) * (1.0 - wi)))));
         }
     }
 }
@@ -64,10 +64,10 @@ KX_VECTOR_CLONES void plainRow(float const *__restrict dist, float const *__rest
 // / (w + 0.1)), m = trunc(v g + m (1 - g)). chroma6 holds 6 (|Dr - Dr0| + |Db - Db0|) per
 // pixel. The denominator is taken in double, or in float with floatDen (the two dot
 // members differ there, in the last unit).
-template <bool floatDen>
-inline void gatedRowBody(float const *__restrict dist, float const *__restrict lut,
-                         float const *__restrict y, float y0, double const *__restrict chroma6,
-                         double v, std::uint8_t *__restrict m, int n) {
+KX_VECTOR_CLONES void gatedRow(float const *__restrict dist, float const *__restrict lut,
+                               float const *__restrict y, float y0,
+                               double const *__restrict chroma6, double v,
+                               std::uint8_t *__restrict m, int n, bool floatDen) {
     float w[kChunk];
     double q[kChunk];
     for (int s = 0; s < n; s += kChunk) {
@@ -87,17 +87,6 @@ inline void gatedRowBody(float const *__restrict dist, float const *__restrict l
             ms[i] = std::uint8_t(int(clamp255(v * g + double(ms[i]) * (1.0 - g))));
         }
     }
-}
-
-KX_VECTOR_CLONES void gatedRow(float const *dist, float const *lut, float const *y, float y0,
-                               double const *chroma6, double v, std::uint8_t *m, int n) {
-    gatedRowBody<false>(dist, lut, y, y0, chroma6, v, m, n);
-}
-
-KX_VECTOR_CLONES void gatedRowFloatDen(float const *dist, float const *lut, float const *y,
-                                       float y0, double const *chroma6, double v, std::uint8_t *m,
-                                       int n) {
-    gatedRowBody<true>(dist, lut, y, y0, chroma6, v, m, n);
 }
 
 // A row copy or a masked set costs a small part of a soft dot's pixel: their loops count
@@ -221,7 +210,6 @@ void softDot(SoftDot const &dot) {
     // both work out a half row they share; they get the same values.
     int const hx0 = mx / 2, hcols = (mx + cols - 1) / 2 - hx0 + 1;
     std::vector<float> const flatY(hasY ? 0 : cols, 0.0f);
-    auto *const row = dot.floatDen ? gatedRowFloatDen : gatedRow;
     parallelBands(rows, work, [&](int j0, int j1) {
         int const h0 = (my + j0) / 2, h1 = (my + j1 - 1) / 2;
         std::vector<double> chroma(std::size_t(h1 - h0 + 1) * cols, 0.0), half(hcols);
@@ -246,8 +234,8 @@ void softDot(SoftDot const &dot) {
             int const y = my + j, off = a - sx0;
             float const *py = hasY ? inputY.ptr<float>(y) + mx + off : flatY.data() + off;
             double const *pc = chroma.data() + std::size_t(y / 2 - h0) * cols + off;
-            row(dist.ptr<float>(sy0 + j) + a, lut, py, ref0.y, pc, v, paint.ptr(y) + mx + off,
-                b - a);
+            gatedRow(dist.ptr<float>(sy0 + j) + a, lut, py, ref0.y, pc, v, paint.ptr(y) + mx + off,
+                     b - a, dot.floatDen);
         }
     });
 }
