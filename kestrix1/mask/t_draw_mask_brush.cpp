@@ -89,9 +89,13 @@ KX_VECTOR_CLONES void gatedRow(float const *__restrict dist, float const *__rest
     }
 }
 
-// A row copy or a masked set costs a small part of a soft dot's pixel: their loops count
-// this many elements as one unit of work, so that threads only start for large squares.
-constexpr std::int64_t kCheapPerUnit = 8;
+// How many elements count as one unit of the work measure that decides on threads. Waking
+// a thread team costs tens of microseconds, more on a busy machine, while a soft dot's pixel
+// costs a few nanoseconds on one thread: a dot of radius 100 is done before a second thread
+// would have paid for itself, so dots take threads from about a quarter of a megapixel on.
+// A row copy or a masked set costs far less per element again.
+constexpr std::int64_t kDotPixelsPerUnit = 8;
+constexpr std::int64_t kCopiesPerUnit = 64;
 
 // The Euclidean distance from the centre of a square of side 2r + 1, CV_32FC1.
 cv::Mat distanceSquare(int r) {
@@ -100,7 +104,7 @@ cv::Mat distanceSquare(int r) {
     float *row0 = dx.ptr<float>(0);
     for (int x = 0; x < n; ++x)
         row0[x] = float(std::abs(x - r));
-    parallelRows(n, std::int64_t(n) * n / kCheapPerUnit, [&](int y) {
+    parallelRows(n, std::int64_t(n) * n / kCopiesPerUnit, [&](int y) {
         if (y > 0) std::memcpy(dx.ptr<float>(y), row0, sizeof(float) * n);
     });
     cv::transpose(dx, dy);
@@ -168,7 +172,7 @@ void softDot(SoftDot const &dot) {
     cv::Mat const &inputY = dot.inputY;
     cv::Mat const dist = distanceSquare(r);
     int const rows = sy1 - sy0, cols = sx1 - sx0;
-    std::int64_t const work = std::int64_t(rows) * cols;
+    std::int64_t const work = std::int64_t(rows) * cols / kDotPixelsPerUnit;
 
     // The part [a, b) of square row sy that lies inside both the clip and the covered disc.
     auto span = [&](int sy, int &a, int &b) {
@@ -335,7 +339,7 @@ void TDrawMask::brushDumbDot(unsigned char value, float flow, cv::Point_<int> ce
     cv::Mat marks;
     cv::compare(distanceSquare(r), double(r), marks, cv::CMP_LE);
     int const rows = sy1 - sy0, cols = sx1 - sx0;
-    parallelRows(rows, std::int64_t(rows) * cols / kCheapPerUnit, [&](int j) {
+    parallelRows(rows, std::int64_t(rows) * cols / kCopiesPerUnit, [&](int j) {
         pxSetMasked(m_paint.ptr(my + j) + mx, int(m_paint.step), IppiSize{cols, 1}, value,
                     marks.ptr(sy0 + j) + sx0, int(marks.step));
     });

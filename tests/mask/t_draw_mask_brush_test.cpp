@@ -51,11 +51,11 @@ Mat reference(Mat m, TPImage const &im, Mat const &Yf, Point c, Point ref, int r
 
 struct Brush : ::testing::Test {
     void SetUp() override {
-        im.m_Y = kxtest::noise(250, 301, CV_16UC1, 1, 20000, 30000);
-        im.m_Dr = kxtest::noise(125, 151, CV_16UC1, 2, 32000, 34000);
-        im.m_Db = kxtest::noise(125, 151, CV_16UC1, 3, 31000, 33000);
+        im.m_Y = kxtest::noise(500, 600, CV_16UC1, 1, 20000, 30000);
+        im.m_Dr = kxtest::noise(250, 300, CV_16UC1, 2, 32000, 34000);
+        im.m_Db = kxtest::noise(250, 300, CV_16UC1, 3, 31000, 33000);
         o.setInImage(&im, false);
-        o.m_paint = kxtest::noise(250, 301, CV_8UC1, 4, 0, 256);
+        o.m_paint = kxtest::noise(500, 600, CV_8UC1, 4, 0, 256);
     }
     TPImage im;
     Open o;
@@ -72,15 +72,15 @@ TEST_F(Brush, TableAndItsError) {
 }
 
 // Dots gated (1: table member, 2: float denominator) and plain, inside and partly off the
-// mask, at 1, 2 and 4 threads.
+// mask, at 1, 2 and 4 threads (the first and third are large enough to take threads).
 TEST_F(Brush, DotsMatchTheReference) {
     using Case = std::tuple<Point, int, int, float, int, bool>;  // centre, radii, flow, gate, ref
-    for (auto [c, r, ri, flow, gate, useRef] : {Case{{150, 120}, 100, 30, 0.8f, 1, false},
+    for (auto [c, r, ri, flow, gate, useRef] : {Case{{300, 250}, 300, 90, 0.8f, 1, false},
                                                 {{150, 120}, 100, 30, 0.6f, 2, true},
-                                                {{150, 120}, 100, 0, 1.0f, 0, false},
-                                                {{-20, 260}, 60, 10, 0.7f, 1, false},
-                                                {{310, -5}, 40, 40, 0.5f, 2, false},
-                                                {{290, 3}, 45, 20, 0.9f, 0, false}}) {
+                                                {{300, 250}, 300, 0, 1.0f, 0, false},
+                                                {{-20, 510}, 60, 10, 0.7f, 1, false},
+                                                {{610, -5}, 40, 40, 0.5f, 2, false},
+                                                {{590, 3}, 45, 20, 0.9f, 0, false}}) {
         o.m_refPoint = {37, 211};
         Mat const start = o.m_paint.clone();
         Mat const want = reference(start.clone(), im, o.inputY(), c, useRef ? o.m_refPoint : c, r,
@@ -113,8 +113,8 @@ TEST_F(Brush, FlowCoverageGateAndHardDisc) {
     // Equal radii without the gate: a hard disc of the value itself, flow aside.
     TMaskParam dot({150, 120}, 200, 30, 30, 0.5f, false, false);
     o.drawStrokeDot(false, &dot);
-    for (int y = 0; y < 250; ++y)
-        for (int x = 0; x < 301; ++x)
+    for (int y = 0; y < 500; ++y)
+        for (int x = 0; x < 600; ++x)
             ASSERT_EQ(o.m_paint.at<std::uint8_t>(y, x),
                       (x - 150) * (x - 150) + (y - 120) * (y - 120) <= 900 ? 200 : 0);
 }
