@@ -4,8 +4,8 @@
 // A dot works on a square of side 2r + 1 around its centre. Its distance plane is built once
 // per dot (one row of |x - r|, copied down, transposed, combined by cv::magnitude) and the
 // square is clipped to the mask. The soft dots then run one row kernel per square row, rows
-// in parallel; each row only visits the pixels whose coverage is above 0, which are the
-// pixels that can change.
+// in parallel once the square is large; each row only visits the pixels whose coverage is
+// above 0, which are the pixels that can change.
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
