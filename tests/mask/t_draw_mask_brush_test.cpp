@@ -20,8 +20,7 @@ struct Open : TDrawMask {
 };
 
 double table(int r, int ri, int d) {
-    if (d >= r) return 0;
-    if (d < ri || r == ri) return 1;
+    if (d >= r || d < ri || r == ri) return d < r;  // 0 from r on, else 1 below ri or all
     double const t = double(d - ri) / (r - ri);
     return (std::exp(-2 * t * t) - std::exp(-2.0)) / (1 - std::exp(-2.0));
 }
