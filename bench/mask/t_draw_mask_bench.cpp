@@ -1,4 +1,6 @@
-// The mask painter on the 24-megapixel working image.
+// The mask painter on a 24-megapixel working image: the history beside a plain copy of the
+// mask, and (below) the brush, the gradients and the refinement beside plain loops or the
+// library's own filters.
 #include <cmath>
 #include <memory>
 #include <vector>
@@ -13,19 +15,77 @@ using kxbench::add;
 using kxbench::inputs;
 using kxbench::Op;
 
-// The working image of the standard inputs, shared by every case.
-std::shared_ptr<TPImage> workingImage() {
-    static std::shared_ptr<TPImage> const image = [] {
-        auto im = std::make_shared<TPImage>();
-        im->m_Y = inputs().y16;
-        im->m_Dr = inputs().dr16;
-        im->m_Db = inputs().db16;
-        return im;
-    }();
-    return image;
-}
+// ---- history --------------------------------------------------------------------------------
 
-// ---- brush
+// A painter over the standard photograph, with two states recorded.
+struct Painter {
+    TPImage image;
+    TDrawMask mask;
+    Painter() {
+        image.create(inputs().y16.cols, inputs().y16.rows, false);
+        inputs().y16.copyTo(image.m_Y);
+        inputs().dr16.copyTo(image.m_Dr);
+        inputs().db16.copyTo(image.m_Db);
+        mask.setInImage(&image, false);
+        mask.snapshot();
+    }
+};
+
+int const historyCases = [] {
+    std::int64_t const bytes = std::int64_t(inputs().y16.total()) * 2;
+    add(
+        "MaskSnapshot", "kestrix1",
+        [] {
+            auto p = std::make_shared<Painter>();
+            return Op([p] { p->mask.snapshot(); });
+        },
+        bytes);
+    add(
+        "MaskUndoRedo", "kestrix1",
+        [] {
+            auto p = std::make_shared<Painter>();
+            return Op([p] {  // one step each way: two states restored
+                p->mask.undo();
+                p->mask.redo();
+            });
+        },
+        2 * bytes);
+    // A stroke of 200 gated dots of radius 100 along a diagonal, queued and replayed by proc
+    // (with the fill that a fresh replay starts with): reported in ms, no peer.
+    add(
+        "MaskStroke200", "kestrix1",
+        [] {
+            auto p = std::make_shared<Painter>();
+            return Op([p] {
+                p->mask.reset();
+                p->mask.setMaskBlendValue(255);
+                p->mask.cmdDrawStart();
+                for (int i = 0; i < 200; ++i)
+                    p->mask.cmdDrawADot({1000 + 20 * i, 800 + 10 * i}, 255, 100, 30, 0.8f, true,
+                                        false);
+                p->mask.cmdDrawEnd();
+                p->mask.proc();
+            });
+        },
+        0);
+    for (char const *name : {"MaskSnapshot", "MaskUndoRedo"}) {
+        bool const twice = name[4] == 'U';
+        add(
+            name, "copy",
+            [twice] {
+                auto src = std::make_shared<cv::Mat>(inputs().y16.size(), CV_8UC1, cv::Scalar(7));
+                auto dst = std::make_shared<cv::Mat>(src->clone());
+                return Op([=] {
+                    src->copyTo(*dst);
+                    if (twice) dst->copyTo(*src);
+                });
+            },
+            twice ? 2 * bytes : bytes);
+    }
+    return 0;
+}();
+
+// ---- brush ----------------------------------------------------------------------------------
 
 // A colour-gated soft dot of radius 100 (inner 30) in the middle of the image, beside the
 // same formula written as one plain loop over the square.
@@ -38,11 +98,10 @@ int const brushRegistered = [] {
     add(
         "BrushGatedDot", "kestrix1",
         [centre] {
-            auto mask = std::make_shared<TDrawMask>();
-            mask->setInImage(workingImage().get(), false);
-            mask->updateLUT(kDotRadius, kDotInner);
-            return Op([mask, centre] {
-                mask->brushMaskDotLUT(255, 0.8f, centre, kDotRadius, true, false);
+            auto p = std::make_shared<Painter>();
+            p->mask.updateLUT(kDotRadius, kDotInner);
+            return Op([p, centre] {
+                p->mask.brushMaskDotLUT(255, 0.8f, centre, kDotRadius, true, false);
             });
         },
         bytes);
@@ -55,11 +114,10 @@ int const brushRegistered = [] {
                     d < kDotInner ? 0.0 : double(d - kDotInner) / (kDotRadius - kDotInner);
                 (*lut)[d] = float((std::exp(-2 * t * t) - std::exp(-2.0)) / (1 - std::exp(-2.0)));
             }
-            TPImage const &im = *workingImage();
             cv::Mat yf;
-            im.m_Y.convertTo(yf, CV_32F, 1.5259021896696422e-5);
+            inputs().y16.convertTo(yf, CV_32F, 1.5259021896696422e-5);
             cv::Mat mask(yf.size(), CV_8UC1, cv::Scalar(0));
-            cv::Mat dr = im.m_Dr, db = im.m_Db;
+            cv::Mat dr = inputs().dr16, db = inputs().db16;
             return Op([=]() mutable {
                 float const y0 = yf.at<float>(centre);
                 float const dr0 = dr.at<std::uint16_t>(centre / 2) / 65535.0f;
