@@ -19,7 +19,7 @@ using u8 = std::uint8_t;
 using u16 = std::uint16_t;
 using Pt = cv::Point_<int>;
 using F = float;
-using std::max, std::min;
+using std::abs, std::hypot, std::max, std::min;
 
 Mat pattern(int w, int h, int seed) {
     Mat m(h, w, CV_8UC1);
@@ -128,40 +128,37 @@ TEST(TDrawMaskShapes, SuperMaskRadiiGateAndMergeMatchTheReference) {
     TPImage im = image(61, 43);
     TDrawMask o;
     o.setInImage(&im, false);
-    Mat start = pattern(61, 43, 2), out;
+    Mat base = pattern(61, 43, 2), out;
     atThreadCounts([&] {
         for (F size : {F(0), F(0.8), F(0.96)})
             for (int mode : {0, 2}) {
-                Mat ref = discReference(im, o.inputY(), start, size, mode), plane = start.clone();
+                Mat ref = discReference(im, o.inputY(), base, size, mode), plane = base.clone();
                 filterGuidedByY(ref, ref, im.m_Y, 1, F(1e-4), nullptr, 1);
                 o.setMergeMode(mode);
                 Pt c(13, 30);
                 o.drawSuperMask(plane, c, size, 0, 0, F(0.3));
                 EXPECT_EQ(cv::norm(plane, ref, cv::NORM_INF), 0) << size << " mode " << mode;
                 for (int r = 0; r < 3; ++r) {  // the disc as coverage, 0 at the edges included
-                    o.renderMask(start, plane, out, u8(99 * r), r);
+                    o.renderMask(base, plane, out, u8(99 * r), r);
                     for (int i = 0; i < int(out.total()); ++i) {
                         double const a = ref.data[i] / 255.0,
-                                     v = 99 * r * a + (1 - a) * start.data[i];
-                        ASSERT_EQ(out.data[i], merged(int(std::lround(v)), start.data[i], r)) << i;
+                                     v = 99 * r * a + (1 - a) * base.data[i];
+                        ASSERT_EQ(out.data[i], merged(int(std::lround(v)), base.data[i], r)) << i;
                     }
                 }
             }
     });
-    Mat ring = start * 0;  // a superellipse with m = e1 = e2 = 2, a = b: truncated circle points
+    Mat ring = base * 0;  // a superellipse with m = e1 = e2 = 2, a = b: truncated circle points
     o.drawSuperShapeLUT(ring, 200, 30, 21, 20, 20, 2, 2, 2);
     for (int i = 0; i < int(ring.total()); ++i)
-        EXPECT_TRUE(!ring.data[i] || std::abs(std::hypot(i % 61 - 30, i / 61 - 21) - 20) < 1.42)
-            << i;
-    EXPECT_EQ(ring.at<u8>(1, 30) & ring.at<u8>(41, 30) & ring.at<u8>(21, 10) & ring.at<u8>(21, 50),
-              200);
+        EXPECT_TRUE(!ring.data[i] || abs(hypot(i % 61 - 30, i / 61 - 21) - 20) < 1.42) << i;
+    EXPECT_GT(cv::countNonZero(ring == 200), 110);  // a closed ring of about 2 pi 20 pixels
 }
 
 TEST(TDrawMaskShapes, StretchRefinementAndFills) {
     TDrawMask o;
     // contrast (1) or offset (0), amount, the low and high that follow
-    F const steps[][4] = {
-        {1, 0, 0, 255}, {1, 1, 50, 155}, {0, 1, 0, 55}, {1, 1, 50, 155}, {0, -1, 150, 255}};
+    F const steps[][4] = {{1, 0, 0, 255}, {1, 1, 50, 155}, {0, 1, 0, 55}, {0, -1, 100, 155}};
     Mat ramp(1, 256, CV_8UC1), dst;
     std::iota(ramp.data, ramp.data + 256, 0);
     for (auto const &s : steps) {
@@ -176,7 +173,7 @@ TEST(TDrawMaskShapes, StretchRefinementAndFills) {
     }
     TPImage im = image(47, 31);
     o.setInImage(&im, false);
-    Mat src = pattern(47, 31, 5), y = o.inputY().clone(), ref, empty;  // stretch 150..255 on
+    Mat src = pattern(47, 31, 5), y = o.inputY().clone(), ref, empty;  // stretch 100..155 on
     for (auto [strength, eps] : {std::pair{F(0.009), F(0)}, {F(0.01), F(0.97)}, {F(1), F(0.001)}}) {
         eps > 0 ? filterGuidedByY(ref, src, y, 2, eps, nullptr, 1)
                 : o.boxFilterSmooth(src, ref, 2, 3);
