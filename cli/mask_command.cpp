@@ -1,7 +1,9 @@
 #include "cli/mask_command.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <fstream>
 #include <initializer_list>
 #include <iterator>
@@ -69,27 +71,27 @@ char const kAbout[] =
 
 char const kFooter[] =
     "Steps (fields in brackets have the defaults shown; value is 0..255, default 255):\n"
-    "  stroke: points [[x, y], ...], radius 1..7999, [inner 0], [value], [flow 1], [gate "
+    "stroke: points [[x, y], ...], radius 1..7999, [inner 0], [value], [flow 1], [gate "
     "false], [picker false]. A soft dot at each point, full within inner and falling to 0 at "
     "radius (inner = radius: a hard disc), painting towards value with strength flow 0..1. "
     "With gate, each dot keeps to colours like the one under its centre, or under the last "
     "picker with picker true.\n"
-    "  gradient: type linear|radial|angular|mirrored|corner, from [x, y], to [x, y], [value]. "
+    "gradient: type linear|radial|angular|mirrored|corner, from [x, y], to [x, y], [value]. "
     "value at from, fading to the mask as it was at to.\n"
-    "  shape: at [x, y], [size 0.5], [tolerance 0.5], [value]. A soft disc of size 0..1 "
+    "shape: at [x, y], [size 0.5], [tolerance 0.5], [value]. A soft disc of size 0..1 "
     "around a point that keeps to colours like the one there; tolerance 0..1 widens the "
     "colours it takes.\n"
-    "  fill: value. The whole mask set to value.\n"
-    "  invert. The mask turned over: 255 - m.\n"
-    "  picker: at [x, y]. The colour reference of strokes with picker true.\n"
-    "  merge: mode replace|min|max. How later gradients and shapes meet the mask under them: "
+    "fill: value. The whole mask set to value.\n"
+    "invert. The mask turned over: 255 - m.\n"
+    "picker: at [x, y]. The colour reference of strokes with picker true.\n"
+    "merge: mode replace|min|max. How later gradients and shapes meet the mask under them: "
     "paint over it, or keep the lower or the higher of the two.\n"
-    "  refine: radius 0..512, [strength 0.5], [offset 0], [contrast 0]. The mask smoothed "
+    "refine: radius 0..512, [strength 0.5], [offset 0], [contrast 0]. The mask smoothed "
     "along the photograph's edges (strength 0..1: higher follows edges more closely), then "
     "shifted by offset -1..1 and steepened by contrast 0..1. The refinement is on trial: a "
     "later refine replaces it, keep makes it final, drop takes it back.\n"
-    "  keep, drop. Keep or drop the refinement on trial.\n"
-    "  snapshot, undo, redo. Record the mask; step back or forward through what was recorded "
+    "keep, drop. Keep or drop the refinement on trial.\n"
+    "snapshot, undo, redo. Record the mask; step back or forward through what was recorded "
     "(eight states at most). The photograph's first mask is recorded at the start.\n"
     "\n"
     "Exit status: 0 done, 1 the image or the script could not be read or the result not "
@@ -180,7 +182,8 @@ private:
 MaskStep readStep(json const &step, std::string const &where) {
     std::string const expected =
         "a step is a name like \"invert\" or an object with one name like {\"fill\": {...}}";
-    if (!step.is_string() && !(step.is_object() && step.size() == 1)) throw UsageError(where + expected);
+    if (!step.is_string() && !(step.is_object() && step.size() == 1))
+        throw UsageError(where + ": " + expected);
     std::string const name = step.is_string() ? step.get<std::string>() : step.begin().key();
     auto const info = std::find_if(std::begin(kSteps), std::end(kSteps),
                                    [&name](StepInfo const &s) { return name == s.name; });
@@ -188,9 +191,9 @@ MaskStep readStep(json const &step, std::string const &where) {
         std::string names;
         for (StepInfo const &s : kSteps)
             names += std::string(names.empty() ? "" : ", ") + s.name;
-        throw UsageError(where + "unknown step '" + name + "' (expected " + names + ")");
+        throw UsageError(where + ": unknown step '" + name + "' (expected " + names + ")");
     }
-    std::string const at = where + "(" + name + ") ";
+    std::string const at = where + " (" + name + "): ";
     static json const none = json::object();
     json const &fields = step.is_string() ? none : step.begin().value();
     if (!fields.is_object())
@@ -252,7 +255,7 @@ MaskStep readStep(json const &step, std::string const &where) {
 
 std::string readScript(std::string const &path) {
     std::ifstream in(path, std::ios::binary);
-    if (!in) throw FileError("cannot open script '" + path + "'");
+    if (!in) throw FileError("cannot open script '" + path + "': " + std::strerror(errno));
     std::string text(std::istreambuf_iterator<char>(in), {});
     if (in.bad()) throw FileError("cannot read script '" + path + "'");
     return text;
@@ -312,7 +315,7 @@ std::vector<MaskStep> parseMaskScript(std::string const &text, std::string const
     if (!root.is_array()) throw UsageError(script + " must be a list of steps: [...]");
     std::vector<MaskStep> steps;
     for (std::size_t i = 0; i < root.size(); ++i)
-        steps.push_back(readStep(root[i], script + ", step " + std::to_string(i + 1) + " "));
+        steps.push_back(readStep(root[i], script + ", step " + std::to_string(i + 1)));
     return steps;
 }
 
