@@ -19,8 +19,10 @@ constexpr int kMaxPostRadius = 512;
 
 float clampf(float v, float lo, float hi) { return std::min(hi, std::max(lo, v)); }
 
-// dst = src row by row, rows in parallel; dst takes src's size.
+// dst = src row by row, rows in parallel; dst takes src's size. Nothing to do when dst is a
+// header of src's pixels.
 void copyRows(Mat const &src, Mat &dst) {
+    if (dst.data == src.data && dst.size() == src.size()) return;
     dst.create(src.size(), CV_8UC1);
     parallelRows(src.rows, std::int64_t(src.total()), [&](int y) {
         std::memcpy(dst.ptr(y), src.ptr(y), std::size_t(src.cols));
@@ -236,6 +238,7 @@ void TDrawMask::emptyCmdStack() {
 
 void TDrawMask::render() {
     if (!m_renderPending) return;
+    if (m_rendered.data == m_committed.data) m_rendered = Mat(m_committed.size(), CV_8UC1);
     renderMask(m_committed, m_paint, m_rendered, m_blendValue, 0);
     m_renderPending = false;
 }
@@ -460,12 +463,8 @@ void TDrawMask::restoreState() {
     std::vector<unsigned char> const &slot = m_hist[std::size_t(m_histCur)];
     Mat &c = m_committed;
     if (slot.size() != std::size_t(c.cols) * std::size_t(c.rows)) return;  // another size
-    m_rendered.create(c.size(), CV_8UC1);
-    parallelRows(c.rows, std::int64_t(c.total()), [&](int y) {
-        unsigned char const *row = slot.data() + std::size_t(y) * std::size_t(m_histRowBytes);
-        std::memcpy(c.ptr(y), row, std::size_t(c.cols));
-        std::memcpy(m_rendered.ptr(y), row, std::size_t(c.cols));
-    });
+    copyOutHist(c);
+    m_rendered = c;  // nothing is painted over it: the rendered mask is the committed one
     if (m_paintLive) resetMask(m_paint, 0);
     m_renderPending = m_paintLive = m_postActive = false;
 }

@@ -219,8 +219,8 @@ protected:
     void clearMaskHist();
     void copyInHist(cv::Mat const &plane);
     void copyOutHist(cv::Mat &plane);
-    // Slot C into the committed and rendered masks in one pass, the paint cleared: a state
-    // as undo and redo bring it back.
+    // Slot C into the committed mask, the rendered mask a header of it (render gives it
+    // pixels of its own again), the paint cleared: a state as undo and redo bring it back.
     void restoreState();
     bool isHistEmpty() const { return m_histStart < 0; }
     int incHistIdx(int i) const { return i >= m_histHigh ? m_histLow : i + 1; }
