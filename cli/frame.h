@@ -61,7 +61,8 @@ Command commandOf(std::string name, std::string summary, std::string about, std:
         addOptions(app, *settings);
         return std::function<void(Job &)>([settings, run](Job &job) { run(*settings, job); });
     };
-    return {std::move(name), std::move(summary), std::move(about), std::move(footer), define, std::nullopt};
+    return {std::move(name), std::move(summary), std::move(about), std::move(footer), define,
+            std::nullopt};
 }
 
 // The whole program but main(): parses `args` (without the program's name), runs the chosen
@@ -124,6 +125,8 @@ public:
     // The photograph as read; a command may change it (a region crops its alpha).
     Photo &photo() { return photo_; }
     std::string const &output() const { return output_; }
+    // The input's path; empty for the sample photograph.
+    std::string const &input() const { return options_.input; }
 
     // Progress of the run: a bar on stderr when it is a terminal and --quiet is not given.
     TProgress *progress() { return &progress_; }

@@ -201,9 +201,8 @@ MaskStep readStep(json const &step, std::string const &where) {
     if (step.is_string() && info->fields.size() > 0)
         throw UsageError(at + "needs its fields: {\"" + name + "\": {...}}");
     for (auto const &f : fields.items())
-        if (std::find_if(info->fields.begin(), info->fields.end(), [&f](char const *n) {
-                return f.key() == n;
-            }) == info->fields.end())
+        if (std::find_if(info->fields.begin(), info->fields.end(),
+                         [&f](char const *n) { return f.key() == n; }) == info->fields.end())
             throw UsageError(at + "has no field '" + f.key() + "'");
 
     Fields const in(at, fields);
@@ -263,9 +262,10 @@ std::string readScript(std::string const &path) {
 
 void runMask(MaskSettings const &s, Job &job) {
     Photo &photo = job.photo();
-    if (!s.overlay.empty() && (sameFile(s.overlay, job.output()) ||
-                               sameFile(s.overlay, s.script)))
-        throw UsageError("--overlay '" + s.overlay + "' is another file of the run; choose another");
+    if (!s.overlay.empty() && (sameFile(s.overlay, job.output()) || sameFile(s.overlay, s.script) ||
+                               (!job.input().empty() && sameFile(s.overlay, job.input()))))
+        throw UsageError("--overlay '" + s.overlay +
+                         "' is the input, the script or the mask; choose another");
     if (sameFile(job.output(), s.script))
         throw UsageError("output '" + job.output() + "' is the script; choose another with -o");
 
@@ -408,7 +408,7 @@ void addMaskOptions(CLI::App &app, MaskSettings &s) {
         ->group("Mask");
     addValue(app, "--overlay", "FILE",
              "also write the photograph with the mask shown over it (darkened and tinted red "
-             "where the mask is low): a .png, .tif or .jpg at the photograph's depth",
+             "where the mask is low): a .png or .tif at the photograph's depth, or an 8-bit .jpg",
              [&s](std::string const &v) {
                  if (!formatFromExtension(v, s.overlayFormat))
                      badValue("--overlay", v, "a file name ending in .png, .tif or .jpg");

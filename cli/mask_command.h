@@ -37,7 +37,7 @@ struct MaskStep {
     bool gate = false;              // stroke: dots keep to colours like the reference
     bool picker = false;            // stroke: the reference is the picker's point, not the dot
     int type = 0;                   // gradient: 0..4; merge: the painter's mode 0, 1 or 2
-    float size = 0.5f, tolerance = 0.5f;  // shape
+    float size = 0.5f, tolerance = 0.5f;                                // shape
     float refineRadius = 0, strength = 0.5f, offset = 0, contrast = 0;  // refine
 };
 

@@ -47,8 +47,8 @@ TEST(MaskScript, ReadsEveryStepWithItsDefaults) {
     EXPECT_EQ(steps[7].type, 2);
     EXPECT_TRUE(steps[8].refineRadius == 2.5f && steps[8].strength == 0.5f &&
                 steps[8].offset == 0 && steps[8].contrast == 1);
-    Kind const kinds[] = {Kind::invert, Kind::picker, Kind::merge, Kind::refine, Kind::keep,
-                          Kind::drop,   Kind::snapshot, Kind::undo, Kind::redo};
+    Kind const kinds[] = {Kind::invert, Kind::picker,   Kind::merge, Kind::refine, Kind::keep,
+                          Kind::drop,   Kind::snapshot, Kind::undo,  Kind::redo};
     for (std::size_t i = 0; i < 9; ++i)
         EXPECT_EQ(steps[5 + i].kind, kinds[i]) << i;
     EXPECT_TRUE(parseMaskScript("[]", "s.json").empty());
@@ -57,13 +57,15 @@ TEST(MaskScript, ReadsEveryStepWithItsDefaults) {
 TEST(MaskScript, RefusesAWrongStepNamingItAndTheField) {
     std::string const s = "script 's.json', step 2";
     std::pair<char const *, std::string> const cases[] = {
-        {R"([1, 2)", "script 's.json' is not JSON: parse error at line 1, column 6: syntax error "
-                     "while parsing array - unexpected end of input; expected ']'"},
+        {R"([1, 2)",
+         "script 's.json' is not JSON: parse error at line 1, column 6: syntax error "
+         "while parsing array - unexpected end of input; expected ']'"},
         {R"({"fill": {"value": 0}})", "script 's.json' must be a list of steps: [...]"},
-        {R"(["invert", 3])",
-         s + ": a step is a name like \"invert\" or an object with one name like {\"fill\": {...}}"},
+        {R"(["invert", 3])", s + ": a step is a name like \"invert\" or an object with one name "
+                                 "like {\"fill\": {...}}"},
         {R"(["invert", {"invert": {}, "undo": {}}])",
-         s + ": a step is a name like \"invert\" or an object with one name like {\"fill\": {...}}"},
+         s + ": a step is a name like \"invert\" or an object with one name like {\"fill\": "
+             "{...}}"},
         {R"(["invert", "paint"])",
          s + ": unknown step 'paint' (expected stroke, gradient, shape, fill, invert, picker, "
              "merge, refine, keep, drop, snapshot, undo, redo)"},
@@ -212,6 +214,10 @@ TEST(MaskCommand, AWrongScriptWritesNothing) {
     std::ofstream(dir / "good.json") << "[]";
     Outcome const tif = kestrix(dir.path, "mask in.png -o m.tif --script good.json");
     EXPECT_EQ(tif.err, "kestrix: output 'm.tif' must be a PNG file (extension .png)\n");
+    Outcome const same = kestrix(dir.path, "mask in.png --script good.json --overlay ./in.png");
+    EXPECT_EQ(same.err,
+              "kestrix: --overlay './in.png' is the input, the script or the mask; "
+              "choose another\n");
     EXPECT_EQ(dir.files(), (std::set<std::string>{"in.png", "s.json", "good.json"}));
 }
 
