@@ -147,7 +147,9 @@ public:
     // r on (all 1 below r when r == ri). Rebuilt only when a radius changes. Throws "ERROR --
     // TDrawMask::updateLUT - Inner circle is larger than outter circle." when ri > r.
     void updateLUT(int r, int ri);
-    // Sets the clip rectangle of a dot of radius r at centre against the whole mask.
+    // Sets the clip rectangle of a dot of radius r at centre against the whole mask (which
+    // becomes the allowed area): the square's columns and rows that lie on the mask, and the
+    // mask pixel of the first. Dots clip through it; a dot wholly off the mask draws nothing.
     void checkBoundary(cv::Point_<int> &centre, int r);
     // out = candidate when it lies inside plane, else fallback.
     void setPointInsideMat(cv::Point_<int> &out, cv::Point_<int> &candidate, cv::Mat &plane,
@@ -159,14 +161,14 @@ public:
     // 0.5)]; with the gate, g = w (1 - q^2 (3 - 2q)), q = min(1, (1.5 |Y - Y0| + 6 (|Dr - Dr0|
     // + |Db - Db0|)) / (w + 0.1)) and m = trunc(V g + m (1 - g)); without it m = rint(V w + m
     // (1 - w)), V = trunc(value flow). The reference colour is read at the colour picker's
-    // point when useRefPoint, else at the centre; Dr, Db at the half-size planes' pixel
-    // (x / 2, y / 2).
+    // point when useRefPoint, else at the centre, held inside the mask; Dr, Db at the
+    // half-size planes' pixel (x / 2, y / 2). Before any table exists, updateLUT(r, r).
     void brushMaskDotLUT(unsigned char value, float flow, cv::Point_<int> centre, int r,
                          bool useColorGate, bool useRefPoint);
     // The same with the table built from (r, ri) first, the gate's denominator in float.
     void brushMaskDot(unsigned char value, float flow, cv::Point_<int> centre, int r, int ri,
                       bool useColorGate, bool useRefPoint);
-    // A hard disc: pixels within r of the centre are set to value.
+    // A hard disc: pixels within r of the centre are set to value (flow is not used).
     void brushDumbDot(unsigned char value, float flow, cv::Point_<int> centre, int r);
 
     // --- Gradients and shapes --------------------------------------------------------------
