@@ -173,40 +173,104 @@ public:
 
     // --- Gradients and shapes --------------------------------------------------------------
 
-    // A gradient of type 0..4 (linear, radial, angular, mirrored linear, corner) from p to q
-    // into plane through the smoothstep and the merge mode; p == q or another type does
-    // nothing.
+    // A gradient from p to q into plane (CV_8UC1), rows in parallel. Each pixel gets a ramp
+    // position v, and the value round(255 (1 - S(v))) with the smoothstep S(v) = 0 below 0,
+    // 1 above 1, v (3 - 2 v) v between, entered by the merge mode (1 minimum with the old
+    // value, 2 maximum, else overwrite). With dx = q.x - p.x, dy = q.y - p.y, in float:
+    // - 0 linear: k = (p.x - q.x) / (dy + 1e-7), c = p.y - p.x k, D = q.x k + c - q.y +
+    //   0.0001, v = (x k + c - y) / D: 255 up to the line through p, 0 from the line through q.
+    //   With p and q on one row the 1e-7 keeps k large and finite.
+    // - 1 radial: v = ((x - p.x)^2 + (y - p.y)^2) / L2, L2 = dx^2 + dy^2 (a plane of 0 when
+    //   L2 <= 0.5, which coinciding points never reach as they return first).
+    // - 2 angular: a0 = atan2(p.y - q.y, dx + 0.0001) in degrees (plus 360 when p.y - q.y <
+    //   0), a the same of (p.y - y, x - p.x + 0.0001), a' = a - a0 (plus 360 when negative),
+    //   v = 1 - a' / 360: a hard seam along the start direction. The arctangent is our own
+    //   vectorised one, within 2e-7 rad of the C library's, so a value can differ by one
+    //   level where the rounding is a tie, and a pixel whose centre lies exactly on the seam
+    //   may fall on either side of it.
+    // - 3 mirrored linear: as 0 with v = |x k + c - y| / |D|. We take the magnitude of D, so
+    //   that the band is 255 on the line through p and reaches 0 at q's line on both sides
+    //   whatever the direction from p to q (a signed D would fill the plane with 255 for
+    //   half of the directions).
+    // - 4 corner: hx = p.x - (p.x + q.x + p.y - q.y) / 2 and hy = (dx + p.y + q.y) / 2 - p.y
+    //   with integer (truncating) divisions, as the integer points suggest; k1 = hx / (hy +
+    //   0.0001), k2 = hy / (0.0001 - hx), c1 = p.y - p.x k1, c2 = p.y - p.x k2, g1 = sqrt(k2^2
+    //   + 1), g2 = sqrt(k1^2 + 1), W = (|q.x k2 - q.y + c2| + 0.0001) / g1; v = max(|k2 x + c2
+    //   - y| / g1, |k1 x + c1 - y| / g2) / W: the larger distance to two lines through p.
+    // p == q, a type outside 0..4, or an empty plane or one not CV_8UC1 does nothing.
     void drawGradientMask(cv::Mat &plane, int type, cv::Point_<int> &p, cv::Point_<int> &q);
     // A soft disc at centre gated by the centre's colour, then guided-filtered along Y.
+    // Needs an attached image of plane's size (else nothing is drawn). The centre is clamped
+    // into the plane; reference colour Y0 from inputY, Dr0, Db0 from the image's half-size
+    // planes at (x / 2, y / 2) divided by 65535. w, h = the larger pixel distance from the
+    // centre to the first or last column and row; R2 = w^2 + h^2. Outer radius squared
+    // = max(1, trunc(R2 ((size - 0.8) 8 + 2.004))) above size 0.8, else with (2.48 size +
+    // 0.02); inner radius = trunc((0.98 size + 0.02) (max(w, h, centre.y) / 6)), the division
+    // in floating point, then squared; these in double. Edge e = 2 - (size - 0.92) 18.75
+    // above 0.92, else 2. Per pixel (float, d2 the integer squared distance): coverage 1
+    // when inner^2 > d2, else exp((d2 - inner^2) / (-0.01 - (outer^2 - inner^2)) e); q =
+    // (1.2 |Y - Y0| + 6 (|Dr - Dr0| + |Db - Db0|)) (1.44 c + 0.56) / (0.01 + coverage);
+    // value = coverage (1 - S(q)) 255. Merge mode 1 or 2 takes the minimum or maximum of the
+    // rounded value and the old one; otherwise round((value - lo) 255 / (hi - lo)),
+    // saturated, with lo = 0, hi = 255 up to size 0.95 and above it g = trunc((size - 0.95)
+    // 200), lo = clamp(-g, 0, 254), hi = clamp(255 - g, 1, 255). Finally filterGuidedByY of
+    // plane onto itself along the image's Y plane, radius 1, eps 0.0001, the object's guided
+    // filter, one pass. c is the colour tolerance (0 strict, 1 lenient); a and b are kept
+    // for hosts (they travel with the command) and change nothing here. Planes up to 32767
+    // pixels a side.
     void drawSuperMask(cv::Mat &plane, cv::Point_<int> &centre, float size, float a, float b,
                        float c);
-    // The outline of a superellipse of semi-axes a, b and exponents m, e1, e2 at (cx, cy).
+    // The outline of a superellipse into plane with value: for i = 0..3599 (tenths of a
+    // degree, from the top) r = (|cos / a|^e1 + |sin / b|^e2)^(-1 / m) and the point (cx -
+    // sin r, cy + cos r) truncated; cv::line (8-connected, thickness 1) joins each point to
+    // the one before, starting from the last. m = e1 = e2 = 2 and a = b draw a circle.
+    // Serial. a or b below 1, m == 0 or an empty plane draws nothing.
     void drawSuperShapeLUT(cv::Mat &plane, int value, int cx, int cy, int a, int b, float m,
                            float e1, float e2);
-    // Fills the sine and cosine tables once.
+    // Fills the sine and cosine tables once: entry i is sin, cos of i 0.0017453292519943296
+    // (i tenths of a degree), computed in double and stored as float.
     void comSinCosLUT();
 
     // --- Rendering and refinement ----------------------------------------------------------
 
-    // out = rint(value a + (1 - a) base), a = coverage / 255; mode 1 keeps the smaller of that
-    // and base, mode 2 the larger, any other mode that. Returns true.
+    // out = round(value a + (1 - a) base) in float, a = coverage / 255; mode 1 keeps the
+    // smaller of that and base, mode 2 the larger, any other mode that. A coverage of 0 gives
+    // base in every mode. out is created at base's size; base and coverage must be CV_8UC1
+    // of one size, else nothing is done. Rows in parallel. Returns true.
     bool renderMask(cv::Mat &base, cv::Mat &coverage, cv::Mat &out, unsigned char value, int mode);
-    // Smooths src into dst (box below strength 0.01, else guided along Y with eps stepping
-    // by powers of ten), then applies the stored contrast and offset.
+    // Smooths src into dst, then stretches dst in place by the stored low and high (set
+    // them first with setMaskContrast and setMaskOffset). Smoothing: below strength 0.01
+    // three box passes of side 2 radius + 1 (boxFilterSmooth); otherwise filterGuidedByY
+    // along inputY with radius and eps = ((j + 1) - t) / 10^j, t = 3 strength, j = trunc(t):
+    // strength 0.01 gives 0.97, 1 gives 0.001, so a larger strength tracks edges more
+    // closely, in steps of ten. A radius below 1 or no attached image copies src instead.
     void postFilter(cv::Mat &src, cv::Mat &dst, int radius, float strength);
-    // The stored stretch [low, high] to 0..255, from src into dst.
+    // The stored stretch from src into dst: with span = high - low, v -> round(((clamp(v,
+    // low, high) - low) c) / 32), c = min(8160 / span, 255) in integers, ties to even,
+    // saturated to 255. A span of 255 (or below 1) leaves dst as it is. Returns false only
+    // when a pixel primitive fails.
     bool scaleAlpha(cv::Mat &src, cv::Mat &dst);
+    // setMaskContrast(c) and then scaleAlpha(src, dst).
     void contrastMask(float c, cv::Mat &src, cv::Mat &dst);
+    // setMaskOffset(o) and then scaleAlpha(src, dst).
     void offsetMask(float o, cv::Mat &src, cv::Mat &dst);
-    // Throws "Error - TFDrawMask::invertMask - ippStsError" when the primitive fails.
+    // plane = 255 - plane (xor with 255). Throws "Error - TFDrawMask::invertMask -
+    // ippStsError" when the primitive fails (an empty plane).
     void invertMask(cv::Mat &plane);
-    // Throws "Error - TFDrawMask::resetMask - ippStsError" when the primitive fails.
+    // Fills plane with value. Throws "Error - TFDrawMask::resetMask - ippStsError" when the
+    // primitive fails (an empty plane).
     void resetMask(cv::Mat &plane, unsigned char value);
+    // One BilateralFilter pass over dst guided by src (sampling sampleS, sampleR); a dst of
+    // another size or type starts as a copy of src.
     void bilateralSmooth(cv::Mat &src, cv::Mat &dst, int sampleS, int sampleR);
+    // passes box means of side 2 radius + 1 with replicated borders, each rounded to 8 bits,
+    // from src into dst (created at src's size). A radius or passes below 1 copies src.
     void boxFilterSmooth(cv::Mat &src, cv::Mat &dst, int radius, int passes);
-    // low = k / 2, high = 255 - k with k = trunc(100 clamp(c, 0, 1)).
+    // low = k / 2, high = 255 - k with k = trunc(100 clamp(c, 0, 1)): 0 gives 0..255 (no
+    // change), 1 gives 50..155.
     void setMaskContrast(float c);
-    // g = trunc(100 clamp(o, -1, 1)); low and high move down by g within 0..254 and 1..255.
+    // g = trunc(100 clamp(o, -1, 1)); low = clamp(trunc(low - g), 0, 254), high =
+    // clamp(trunc(high - g), 1, 255): after setMaskContrast(1), setMaskOffset(1) gives 0..55.
     void setMaskOffset(float o);
     int contrastLow() const { return m_contrastLow; }
     int contrastHigh() const { return m_contrastHigh; }

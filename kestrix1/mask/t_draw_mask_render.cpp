@@ -22,8 +22,12 @@ using u8 = std::uint8_t;
 char const kInvertError[] = "Error - TFDrawMask::invertMask - ippStsError";
 char const kResetError[] = "Error - TFDrawMask::resetMask - ippStsError";
 
-IppiSize sizeOf(Mat const &m) { return {m.cols, m.rows}; }
-int stepOf(Mat const &m) { return int(m.step); }
+IppiSize sizeOf(Mat const &m) {
+    return {m.cols, m.rows};
+}
+int stepOf(Mat const &m) {
+    return int(m.step);
+}
 
 // out = round(value a + (1 - a) base), a = coverage / 255, then the mode's choice against base.
 KX_VECTOR_CLONES void renderRow(u8 const *__restrict base, u8 const *__restrict cover,
@@ -40,7 +44,9 @@ KX_VECTOR_CLONES void renderRow(u8 const *__restrict base, u8 const *__restrict 
 
 // The stretch's factor: 8160 / span in integers, at most 255 (a product scaled by 2^-5).
 constexpr int kStretchScale = 5;
-inline int stretchFactor(int span) { return std::min(8160 / span, 255); }
+inline int stretchFactor(int span) {
+    return std::min(8160 / span, 255);
+}
 
 }  // namespace
 
@@ -74,14 +80,19 @@ void TDrawMask::postFilter(Mat &src, Mat &dst, int radius, float strength) {
 bool TDrawMask::scaleAlpha(Mat &src, Mat &dst) {
     int const low = m_contrastLow, high = m_contrastHigh, span = high - low;
     if (span == 255 || span < 1 || src.empty() || src.type() != CV_8UC1) return true;
-    dst.create(src.size(), CV_8UC1);
-    IppiSize const size = sizeOf(src);
-    if (pxThresholdLessGreater(src.ptr<u8>(), stepOf(src), dst.ptr<u8>(), stepOf(dst), size,
-                               u8(low), u8(high)) != pxStsNoErr)
+    // The clamp, the subtraction and the scaled product run once over the 256 codes, and
+    // the plane then takes one pass through the table they make.
+    u8 table[256];
+    for (int i = 0; i < 256; ++i)
+        table[i] = u8(i);
+    IppiSize const codes{256, 1};
+    if (pxThresholdLessGreater(table, 256, table, 256, codes, u8(low), u8(high)) != pxStsNoErr ||
+        pxSubC(table, 256, codes, u8(low)) != pxStsNoErr ||
+        pxMulCScale(table, 256, codes, u8(stretchFactor(span)), kStretchScale) != pxStsNoErr)
         return false;
-    return pxSubC(dst.ptr<u8>(), stepOf(dst), size, u8(low)) == pxStsNoErr &&
-           pxMulCScale(dst.ptr<u8>(), stepOf(dst), size, u8(stretchFactor(span)),
-                       kStretchScale) == pxStsNoErr;
+    dst.create(src.size(), CV_8UC1);
+    return pxLutPalette(src.ptr<u8>(), stepOf(src), dst.ptr<u8>(), stepOf(dst), sizeOf(src), table,
+                        8) == pxStsNoErr;
 }
 
 void TDrawMask::contrastMask(float c, Mat &src, Mat &dst) {
@@ -95,13 +106,11 @@ void TDrawMask::offsetMask(float o, Mat &src, Mat &dst) {
 }
 
 void TDrawMask::invertMask(Mat &plane) {
-    if (pxXorC(plane.ptr<u8>(), stepOf(plane), sizeOf(plane), 255) != pxStsNoErr)
-        throw kInvertError;
+    if (pxXorC(plane.data, stepOf(plane), sizeOf(plane), 255) != pxStsNoErr) throw kInvertError;
 }
 
 void TDrawMask::resetMask(Mat &plane, unsigned char value) {
-    if (pxSet(plane.ptr<u8>(), stepOf(plane), sizeOf(plane), value) != pxStsNoErr)
-        throw kResetError;
+    if (pxSet(plane.data, stepOf(plane), sizeOf(plane), value) != pxStsNoErr) throw kResetError;
 }
 
 void TDrawMask::bilateralSmooth(Mat &src, Mat &dst, int sampleS, int sampleR) {

@@ -46,55 +46,93 @@ inline int sat8(float x) {
 }
 
 // The mask value of a ramp position v: round((1 - S(v)) 255).
-inline int rampValue(float v) { return sat8((1.0f - smoothstep(v)) * 255.0f); }
+inline int rampValue(float v) {
+    return sat8((1.0f - smoothstep(v)) * 255.0f);
+}
 
-// How a new value enters the plane: 1 the minimum of new and old, 2 the maximum, else new.
-inline u8 merge(int value, u8 old, int mode) {
-    int const lo = std::min(value, int(old)), hi = std::max(value, int(old));
-    return u8(mode == 1 ? lo : mode == 2 ? hi : value);
+// How new values enter a row: 1 the minimum of new and old, 2 the maximum, else new. The
+// mode is tested once outside the loops so that each loop is straight-line and vectorises.
+template <class Value>
+inline void mergeRow(u8 *__restrict row, int width, int mode, Value value) {
+    if (mode == 1) {
+        for (int x = 0; x < width; ++x)
+            row[x] = u8(std::min(value(x), int(row[x])));
+    } else if (mode == 2) {
+        for (int x = 0; x < width; ++x)
+            row[x] = u8(std::max(value(x), int(row[x])));
+    } else {
+        for (int x = 0; x < width; ++x)
+            row[x] = u8(value(x));
+    }
 }
 
 // ---- gradient rows ----------------------------------------------------------------------------
 
-// Types 0 and 3: v = (x k + c - y) / D, or |x k + c - y| / D for the band.
-KX_VECTOR_CLONES void linearRow(u8 *__restrict row, int width, float fy, float k, float c,
-                                float D, bool band, int mode) {
-    for (int x = 0; x < width; ++x) {
-        float t = float(x) * k + c - fy;
-        t = band ? std::fabs(t) : t;
-        row[x] = merge(rampValue(t / D), row[x], mode);
-    }
+// Type 0: v = (x k + c - y) / D.
+KX_VECTOR_CLONES void linearRow(u8 *__restrict row, int width, float fy, float k, float c, float D,
+                                int mode) {
+    mergeRow(row, width, mode, [=](int x) { return rampValue((float(x) * k + c - fy) / D); });
+}
+
+// Type 3: v = |x k + c - y| / D, a band round the line through the start.
+KX_VECTOR_CLONES void bandRow(u8 *__restrict row, int width, float fy, float k, float c, float D,
+                              int mode) {
+    mergeRow(row, width, mode,
+             [=](int x) { return rampValue(std::fabs(float(x) * k + c - fy) / D); });
 }
 
 // Type 1: v = ((x - px)^2 + (y - py)^2) / L2.
 KX_VECTOR_CLONES void radialRow(u8 *__restrict row, int width, float px, float fy2, float L2,
                                 int mode) {
-    for (int x = 0; x < width; ++x) {
+    mergeRow(row, width, mode, [=](int x) {
         float const fx = float(x) - px;
-        row[x] = merge(rampValue((fx * fx + fy2) / L2), row[x], mode);
-    }
+        return rampValue((fx * fx + fy2) / L2);
+    });
+}
+
+// atan2(y, x) in degrees, as selects and one division so that a row of them vectorises: the
+// ratio of the smaller to the larger magnitude, reduced below tan(pi / 8) and through the
+// polynomial of Cephes' atanf (within 2e-7 of the true angle), then put in its octant.
+// x is never 0 here (the callers add 0.0001 to an integer).
+inline float atan2Degrees(float y, float x) {
+    float const ax = std::fabs(x), ay = std::fabs(y);
+    bool const steep = ay > ax;
+    float const t = (steep ? ax : ay) / (steep ? ay : ax);
+    bool const upper = t > 0.41421356f;
+    float const u = upper ? (t - 1.0f) / (t + 1.0f) : t;
+    float const z = u * u;
+    float r = (((8.05374449538e-2f * z - 1.38776856032e-1f) * z + 1.99777106478e-1f) * z -
+               3.33329491539e-1f) *
+                  z * u +
+              u;
+    r = upper ? r + 0.78539816f : r;
+    r = steep ? 1.57079633f - r : r;
+    r = x < 0.0f ? 3.14159265f - r : r;
+    r = y < 0.0f ? -r : r;
+    return r * 180.0f / kPi;
 }
 
 // Type 2: the angle round p, in degrees from the start direction a0, as 1 - a' / 360.
-void angularRow(u8 *row, int width, float dyUp, float px, float a0, int mode) {
+KX_VECTOR_CLONES void angularRow(u8 *__restrict row, int width, float dyUp, float px, float a0,
+                                 int mode) {
     float const turn = dyUp < 0.0f ? 360.0f : 0.0f;
-    for (int x = 0; x < width; ++x) {
-        float const a = std::atan2(dyUp, float(x) - px + 0.0001f) * 180.0f / kPi + turn;
+    mergeRow(row, width, mode, [=](int x) {
+        float const a = atan2Degrees(dyUp, float(x) - px + 0.0001f) + turn;
         float d = a - a0;
         d = d < 0.0f ? d + 360.0f : d;
-        row[x] = merge(rampValue(1.0f - d / 360.0f), row[x], mode);
-    }
+        return rampValue(1.0f - d / 360.0f);
+    });
 }
 
 // Type 4: the larger distance to the two lines through p, over W.
 KX_VECTOR_CLONES void cornerRow(u8 *__restrict row, int width, float fy, float k1, float c1,
                                 float k2, float c2, float g1, float g2, float W, int mode) {
-    for (int x = 0; x < width; ++x) {
+    mergeRow(row, width, mode, [=](int x) {
         float const fx = float(x);
         float const a = std::fabs(k2 * fx + c2 - fy) / g1;
         float const b = std::fabs(k1 * fx + c1 - fy) / g2;
-        row[x] = merge(rampValue((a > b ? a : b) / W), row[x], mode);
-    }
+        return rampValue((a > b ? a : b) / W);
+    });
 }
 
 // ---- the soft disc --------------------------------------------------------------------------
@@ -143,9 +181,12 @@ void TDrawMask::drawGradientMask(Mat &plane, int type, cv::Point_<int> &p, cv::P
     if (type == 0 || type == 3) {
         float const k = float(p.x - q.x) / (float(dy) + 1e-7f);
         float const c = float(p.y) - float(p.x) * k;
-        float D = float(q.x) * k + c - float(q.y) + 0.0001f;
-        if (type == 3) D = std::fabs(D);
-        eachRow([&](u8 *row, int y) { linearRow(row, cols, float(y), k, c, D, type == 3, mode); });
+        float const D = float(q.x) * k + c - float(q.y) + 0.0001f;
+        if (type == 0)
+            eachRow([&](u8 *row, int y) { linearRow(row, cols, float(y), k, c, D, mode); });
+        else
+            eachRow(
+                [&](u8 *row, int y) { bandRow(row, cols, float(y), k, c, std::fabs(D), mode); });
     } else if (type == 1) {
         float const L2 = float(dx * dx + dy * dy);
         if (L2 <= 0.5f) {
@@ -158,9 +199,10 @@ void TDrawMask::drawGradientMask(Mat &plane, int type, cv::Point_<int> &p, cv::P
         });
     } else if (type == 2) {
         float const y0 = float(p.y - q.y);
-        float a0 = std::atan2(y0, float(dx) + 0.0001f) * 180.0f / kPi;
+        float a0 = atan2Degrees(y0, float(dx) + 0.0001f);
         if (y0 < 0.0f) a0 += 360.0f;
-        eachRow([&](u8 *row, int y) { angularRow(row, cols, float(p.y - y), float(p.x), a0, mode); });
+        eachRow(
+            [&](u8 *row, int y) { angularRow(row, cols, float(p.y - y), float(p.x), a0, mode); });
     } else {
         int const hx = p.x - (p.x + q.x + p.y - q.y) / 2;
         int const hy = (dx + p.y + q.y) / 2 - p.y;
@@ -183,8 +225,8 @@ void TDrawMask::drawSuperMask(Mat &plane, cv::Point_<int> &centre, float size, f
     if (plane.empty() || plane.type() != CV_8UC1 || m_image == nullptr) return;
     Mat const &Y16 = m_image->m_Y, &Dr = m_image->m_Dr, &Db = m_image->m_Db;
     int const rows = plane.rows, cols = plane.cols;
-    if (m_inputY.size() != plane.size() || Y16.size() != plane.size() ||
-        Dr.rows < (rows + 1) / 2 || Dr.cols < (cols + 1) / 2 || Db.size() != Dr.size())
+    if (m_inputY.size() != plane.size() || Y16.size() != plane.size() || Dr.rows < (rows + 1) / 2 ||
+        Dr.cols < (cols + 1) / 2 || Db.size() != Dr.size())
         return;
 
     DiscSetup s;
@@ -234,9 +276,8 @@ void TDrawMask::drawSuperShapeLUT(Mat &plane, int value, int cx, int cy, int a, 
     float const *co = m_cos.get();
     float const fa = float(a), fb = float(b), power = -1.0f / m;
     auto point = [&](int i) {
-        float const r = std::pow(std::pow(std::fabs(co[i] / fa), e1) +
-                                     std::pow(std::fabs(s[i] / fb), e2),
-                                 power);
+        float const r = std::pow(
+            std::pow(std::fabs(co[i] / fa), e1) + std::pow(std::fabs(s[i] / fb), e2), power);
         return cv::Point(int(float(cx) - s[i] * r), int(float(cy) + co[i] * r));
     };
     cv::Scalar const colour(value);
