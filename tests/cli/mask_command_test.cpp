@@ -35,7 +35,6 @@ TEST(MaskScript, FillsDefaultsAndRoundsPoints) {
     EXPECT_TRUE(b.size == 0.5f && b.tolerance == 0.5f && b.value == 255);
     EXPECT_TRUE(c.refineRadius == 2.5f && c.strength == 0.5f && c.offset == 0 && c.contrast == 0);
     EXPECT_EQ(steps[3].kind, Kind::redo);
-    EXPECT_TRUE(parseMaskScript("[]", "s.json").empty());
 }
 
 TEST(MaskScript, RefusesAWrongStepNamingItAndTheField) {
