@@ -149,16 +149,20 @@ int fail(int status, std::string const &message) {
     return status;
 }
 
-void addCommonFiles(CLI::App &app, std::string const &command, CommonOptions &options) {
+void addCommonFiles(CLI::App &app, Command const &command, CommonOptions &options) {
     app.add_option("INPUT", options.input,
                    "the photograph to read: PNG, TIFF or JPEG, 8 or 16 bits, grey, RGB or RGB "
                    "with alpha (default: the sample photograph built into kestrix)")
         ->type_name("");
-    addValue(app, "-o,--output", "FILE",
-             "where to write (default: " + command +
-                 ".png, .tif or .jpg in the current folder, "
-                 "after the input's format); its extension must name the input's format and it "
-                 "must not be the input",
+    std::string const where =
+        command.outputFormat
+            ? std::string("where to write (default: ") + command.name +
+                  formatExtension(*command.outputFormat) + " in the current folder); always a " +
+                  formatName(*command.outputFormat) + ", and not the input"
+            : "where to write (default: " + command.name +
+                  ".png, .tif or .jpg in the current folder, after the input's format); its "
+                  "extension must name the input's format and it must not be the input";
+    addValue(app, "-o,--output", "FILE", where,
              [&options](std::string const &v) { options.output = v; })
         ->group("Files");
 }
@@ -283,7 +287,7 @@ int runKestrix(std::vector<Command const *> const &commands, std::vector<std::st
         c.app->allow_extras();  // see rejectExtras
         c.app->footer(c.command->footer);
         c.app->group("Commands");
-        addCommonFiles(*c.app, c.command->name, c.options);
+        addCommonFiles(*c.app, *c.command, c.options);
         c.run = c.command->define(*c.app);
         addCommonReporting(*c.app, c.options);
     }
@@ -294,7 +298,7 @@ int runKestrix(std::vector<Command const *> const &commands, std::vector<std::st
                                           [](Chosen const &c) { return c.app->parsed(); });
         if (command == chosen.end()) throw UsageError("no command given (see kestrix --help)");
         rejectExtras(*command->app, command->command->name);
-        Job job(command->command->name, command->options);
+        Job job(command->command->name, command->options, command->command->outputFormat);
         command->run(job);
         return 0;
     } catch (CLI::ParseError const &e) {
@@ -345,20 +349,22 @@ bool Job::Bar::report(int thousandths, void *user) {
     return true;
 }
 
-Job::Job(std::string const &command, CommonOptions const &options)
+Job::Job(std::string const &command, CommonOptions const &options,
+         std::optional<ImageFormat> outputFormat)
     : options_(options), progress_(&Bar::report, &bar_) {
     std::string const input = options.input.empty() ? "the sample photograph" : options.input;
     photo_ = options.input.empty() ? decodePhoto(samplePhoto(), input) : readPhoto(input);
 
     output_ = options.output;
+    ImageFormat const format = outputFormat.value_or(photo_.format);
     if (output_.empty()) {
-        output_ = command + formatExtension(photo_.format);
+        output_ = command + formatExtension(format);
     } else {
         ImageFormat named;
-        if (!formatFromExtension(output_, named) || named != photo_.format)
-            throw UsageError("output '" + output_ + "' must be a " + formatName(photo_.format) +
-                             " file like the input (extension " + formatExtension(photo_.format) +
-                             ")");
+        if (!formatFromExtension(output_, named) || named != format)
+            throw UsageError("output '" + output_ + "' must be a " + formatName(format) +
+                             (outputFormat ? " file" : " file like the input") + " (extension " +
+                             formatExtension(format) + ")");
     }
     if (!options.input.empty() && sameFile(output_, options.input))
         throw UsageError("output '" + output_ + "' is the input file; choose another with -o");

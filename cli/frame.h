@@ -14,6 +14,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -47,6 +48,8 @@ struct Command {
     std::string about;    // the head of `kestrix NAME --help`
     std::string footer;   // after the options in `kestrix NAME --help`; may be empty
     std::function<std::function<void(Job &)>(CLI::App &)> define;
+    // The format the command writes whatever the input's (a mask is a PNG); empty: the input's.
+    std::optional<ImageFormat> outputFormat;
 };
 
 template <class Settings>
@@ -58,7 +61,8 @@ Command commandOf(std::string name, std::string summary, std::string about, std:
         addOptions(app, *settings);
         return std::function<void(Job &)>([settings, run](Job &job) { run(*settings, job); });
     };
-    return {std::move(name), std::move(summary), std::move(about), std::move(footer), define};
+    return {std::move(name), std::move(summary), std::move(about), std::move(footer), define,
+            std::nullopt};
 }
 
 // The whole program but main(): parses `args` (without the program's name), runs the chosen
@@ -107,11 +111,13 @@ struct Stopwatch {
 
 // One run of a command over one photograph. Construction reads the input and settles the
 // output's name, both before any work: a wrong output name is a usage error found at once.
+// The output takes the input's format unless `outputFormat` names another.
 // The timing lines that some of the library's filters print on std::cout are shown only with
 // --time; for the rest of the job std::cout goes nowhere.
 class Job {
 public:
-    Job(std::string const &command, CommonOptions const &options);
+    Job(std::string const &command, CommonOptions const &options,
+        std::optional<ImageFormat> outputFormat = std::nullopt);
     ~Job();
     Job(Job const &) = delete;
     Job &operator=(Job const &) = delete;
@@ -119,6 +125,8 @@ public:
     // The photograph as read; a command may change it (a region crops its alpha).
     Photo &photo() { return photo_; }
     std::string const &output() const { return output_; }
+    // The input's path; empty for the sample photograph.
+    std::string const &input() const { return options_.input; }
 
     // Progress of the run: a bar on stderr when it is a terminal and --quiet is not given.
     TProgress *progress() { return &progress_; }

@@ -8,10 +8,11 @@
 #include "cli/detail_command.h"
 #include "cli/frame.h"
 #include "cli/local_command.h"
+#include "cli/mask_command.h"
 #include "cli/smooth_command.h"
 
 int main(int argc, char **argv) {
     std::vector<Command const *> const commands = {&detailCommand, &smoothCommand, &localCommand,
-                                                    &colorCommand};
+                                                    &colorCommand, &maskCommand};
     return runKestrix(commands, std::vector<std::string>(argv + 1, argv + argc), KESTRIX_VERSION);
 }

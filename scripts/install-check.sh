@@ -129,4 +129,13 @@ for line in "smooth --filter bilateral" "local --strength 0.2" \
     fail "the installed kestrix $line did not run"
 done
 
+# A mask from the example script, over the built-in photograph (600 x 400).
+(cd "$work" && "$prefix/bin/kestrix" mask -q --script "$root/examples/mask_coffee.json" \
+  -o "$work/mask.png" --overlay "$work/overlay.png") || fail "the installed kestrix mask did not run"
+[ -s "$work/mask.png" ] && [ -s "$work/overlay.png" ] || fail "the installed kestrix mask wrote nothing"
+# The PNG header: width 600, height 400 (big-endian), depth 8, colour type 0 (grey).
+header="$(od -An -tu1 -j16 -N10 "$work/mask.png" | tr -s ' ')"
+[ "$header" = " 0 0 2 88 0 0 1 144 8 0" ] ||
+  fail "the installed kestrix mask did not write a 600 x 400 8-bit grey PNG (header$header)"
+
 echo "install-check: OK"
