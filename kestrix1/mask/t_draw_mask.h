@@ -100,8 +100,8 @@ public:
                      int innerRadius, float flow, bool useColorGate, bool useRefPoint);
     void cmdDrawADot(TMaskParam const &dot);
     void cmdDrawEnd();
-    // Size and three floats (the second is the colour tolerance), and a flag; see
-    // drawSuperMask.
+    // Size, then a, b and c of drawSuperMask (c: how strictly colour gates the disc), and a
+    // flag that travels with the command.
     void cmdDrawSuperMask(cv::Point_<int> const &pt, float size, float f2, float f3, float f4,
                           bool flag);
     // Start and end in full-size pixels, type 0..4 (see drawGradientMask).
@@ -215,7 +215,7 @@ public:
     // saturated, with lo = 0, hi = 255 up to size 0.95 and above it g = trunc((size - 0.95)
     // 200), lo = clamp(-g, 0, 254), hi = clamp(255 - g, 1, 255). Finally filterGuidedByY of
     // plane onto itself along the image's Y plane, radius 1, eps 0.0001, the object's guided
-    // filter, one pass. c is the colour tolerance (0 strict, 1 lenient); a and b are kept
+    // filter, one pass. c sets how strictly colour gates the disc (0 most lenient, 1 strictest); a and b are kept
     // for hosts (they travel with the command) and change nothing here. Planes up to 32767
     // pixels a side.
     void drawSuperMask(cv::Mat &plane, cv::Point_<int> &centre, float size, float a, float b,
