@@ -275,22 +275,15 @@ void TDrawMask::checkBoundary(cv::Point_<int> &centre, int r) {
     m_area[3] = m_paint.rows - 1;
     int const n = 2 * r + 1;
     int const left = m_area[0], top = m_area[1], right = m_area[2], bottom = m_area[3];
-    if (centre.x - r >= left) {
-        m_clip[0] = 0;
-        m_clip[4] = centre.x - r;
-    } else {
-        m_clip[0] = left - (centre.x - r);
-        m_clip[4] = left;
-    }
-    m_clip[1] = centre.x + r > right ? n - (centre.x + r) + right : n;
-    if (centre.y - r >= top) {
-        m_clip[2] = 0;
-        m_clip[5] = centre.y - r;
-    } else {
-        m_clip[2] = top - (centre.y - r);
-        m_clip[5] = top;
-    }
-    m_clip[3] = centre.y + r > bottom ? n - (centre.y + r) + bottom : n;
+    // One axis: the square's offset and end, and the first mask pixel.
+    auto axis = [n, r](int c, int lo, int hi, int &offset, int &end, int &first) {
+        bool const inside = c - r >= lo;
+        offset = inside ? 0 : lo - (c - r);
+        first = inside ? c - r : lo;
+        end = c + r > hi ? n - (c + r) + hi : n;
+    };
+    axis(centre.x, left, right, m_clip[0], m_clip[1], m_clip[4]);
+    axis(centre.y, top, bottom, m_clip[2], m_clip[3], m_clip[5]);
 }
 
 void TDrawMask::setPointInsideMat(cv::Point_<int> &out, cv::Point_<int> &candidate, cv::Mat &plane,
