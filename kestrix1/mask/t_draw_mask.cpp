@@ -17,16 +17,17 @@ using cv::Mat;
 // working pixels.
 constexpr int kMaxPostRadius = 512;
 
-float clampf(float v, float lo, float hi) { return std::min(hi, std::max(lo, v)); }
+float clampf(float v, float lo, float hi) {
+    return std::min(hi, std::max(lo, v));
+}
 
 // dst = src row by row, rows in parallel; dst takes src's size. Nothing to do when dst is a
 // header of src's pixels.
 void copyRows(Mat const &src, Mat &dst) {
     if (dst.data == src.data && dst.size() == src.size()) return;
     dst.create(src.size(), CV_8UC1);
-    parallelRows(src.rows, std::int64_t(src.total()), [&](int y) {
-        std::memcpy(dst.ptr(y), src.ptr(y), std::size_t(src.cols));
-    });
+    parallelRows(src.rows, std::int64_t(src.total()),
+                 [&](int y) { std::memcpy(dst.ptr(y), src.ptr(y), std::size_t(src.cols)); });
 }
 
 // src into dst at dst's size, nearest neighbour, rows in parallel.
@@ -44,7 +45,9 @@ void scaleNearest(Mat const &src, Mat &dst) {
 TDrawMask::TDrawMask() = default;
 TDrawMask::~TDrawMask() = default;
 
-TDrawMask::TDrawMask(TDrawMask const &other) { *this = other; }
+TDrawMask::TDrawMask(TDrawMask const &other) {
+    *this = other;
+}
 
 TDrawMask &TDrawMask::operator=(TDrawMask const &other) {
     if (this == &other) return *this;
@@ -158,8 +161,12 @@ void TDrawMask::setFullSize(int width, int height) {
     m_fullH = height;
 }
 
-int TDrawMask::getFullWidth() const { return m_fullW > 0 ? m_fullW : m_committed.cols; }
-int TDrawMask::getFullHeight() const { return m_fullH > 0 ? m_fullH : m_committed.rows; }
+int TDrawMask::getFullWidth() const {
+    return m_fullW > 0 ? m_fullW : m_committed.cols;
+}
+int TDrawMask::getFullHeight() const {
+    return m_fullH > 0 ? m_fullH : m_committed.rows;
+}
 
 cv::Mat TDrawMask::getMaskRoi(cv::Rect_<int> const &rect, int scale) const {
     if (m_rendered.empty() || rect.width < 1 || rect.height < 1) return Mat();
@@ -192,20 +199,28 @@ void TDrawMask::cmdSetValue(unsigned char value) {
     p.value = value;
     queue(m_commands, TMaskCmd::SetValue, p);
 }
-void TDrawMask::cmdInvert() { m_commands.emplace_back(TMaskCmd::Invert); }
+void TDrawMask::cmdInvert() {
+    m_commands.emplace_back(TMaskCmd::Invert);
+}
 void TDrawMask::cmdSetColorPicker(cv::Point_<int> const &pt) {
     TMaskParam p;
     p.pt1 = pt;
     queue(m_commands, TMaskCmd::ColorPicker, p);
 }
-void TDrawMask::cmdDrawStart() { m_commands.emplace_back(TMaskCmd::DrawStart); }
+void TDrawMask::cmdDrawStart() {
+    m_commands.emplace_back(TMaskCmd::DrawStart);
+}
 void TDrawMask::cmdDrawADot(cv::Point_<int> const &pt, unsigned char value, int radius,
                             int innerRadius, float flow, bool useColorGate, bool useRefPoint) {
     queue(m_commands, TMaskCmd::DrawDot, pt, value, radius, innerRadius, flow, useColorGate,
           useRefPoint);
 }
-void TDrawMask::cmdDrawADot(TMaskParam const &dot) { queue(m_commands, TMaskCmd::DrawDot, dot); }
-void TDrawMask::cmdDrawEnd() { m_commands.emplace_back(TMaskCmd::DrawEnd); }
+void TDrawMask::cmdDrawADot(TMaskParam const &dot) {
+    queue(m_commands, TMaskCmd::DrawDot, dot);
+}
+void TDrawMask::cmdDrawEnd() {
+    m_commands.emplace_back(TMaskCmd::DrawEnd);
+}
 void TDrawMask::cmdDrawSuperMask(cv::Point_<int> const &pt, float size, float f2, float f3,
                                  float f4, bool flag) {
     queue(m_commands, TMaskCmd::SuperMask, pt, size, f2, f3, f4, flag);
@@ -227,7 +242,9 @@ void TDrawMask::cmdCopyMaskFrom(TDrawMask *source) {
     queue(m_commands, TMaskCmd::CopyMask, source);
 }
 
-bool TDrawMask::bNeedUpdate() const { return m_nextIdx + 1 < int(m_commands.size()); }
+bool TDrawMask::bNeedUpdate() const {
+    return m_nextIdx + 1 < int(m_commands.size());
+}
 
 void TDrawMask::emptyCmdStack() {
     m_commands.clear();
@@ -272,112 +289,114 @@ bool TDrawMask::proc() {
         TMaskParam *const p = cmd.param.get();
         bool const again = cmd.type == m_lastType;
         switch (cmd.type) {
-        case TMaskCmd::SetValue:  // the blend value decides, not the command's own
-            resetMask(m_paint, 0);
-            m_renderPending = m_paintLive = false;
-            resetMask(m_committed, static_cast<unsigned char>(255 - m_blendValue));
-            copyRows(m_committed, m_rendered);
-            m_dirty = true;
-            break;
-        case TMaskCmd::Invert:
-            commitPaint();
-            postRestore();
-            invertMask(m_committed);
-            copyRows(m_committed, m_rendered);
-            m_dirty = true;
-            m_renderPending = false;
-            break;
-        case TMaskCmd::ColorPicker:
-            m_refPoint = p->pt1;
-            break;
-        case TMaskCmd::DrawStart:
-            commitPaint();
-            m_strokeStarted = 1;
-            postRestore();
-            copyRows(m_committed, m_rendered);
-            resetMask(m_paint, 0);
-            break;
-        case TMaskCmd::DrawDot:
-            drawStrokeDot(p->useColorGate, p);
-            m_prevPoint = p->pt1;
-            m_strokeStarted = 0;
-            m_renderPending = m_paintLive = true;
-            m_dirty = true;
-            break;
-        case TMaskCmd::SuperMask: {
-            // A new shape takes the mask under it as its base; a shape right after a shape
-            // (a slider being dragged) is drawn again over the same base.
-            if (!again) {
-                postRestore();
-                commitPaint();
-                copyRows(m_committed, m_source);
-            }
-            render();
-            float const f[4] = {clampf(p->f1, 0, 1), clampf(p->f2, 0, 1), clampf(p->f3, 0, 1),
-                                clampf(p->f4, 0, 1)};
-            cv::Point_<int> at = p->pt1;
-            resetMask(m_paint, 0);
-            drawSuperMask(m_paint, at, f[0], f[1], f[2], f[3]);
-            if (m_source.size() != m_paint.size()) copyRows(m_committed, m_source);
-            renderMask(m_source, m_paint, m_committed, m_blendValue, 0);
-            copyRows(m_committed, m_rendered);
-            resetMask(m_paint, 0);
-            m_dirty = true;
-            break;
-        }
-        case TMaskCmd::GradientMask: {
-            if (!again) commitPaint();  // a new gradient; one right after redraws the last
-            postRestore();
-            copyRows(m_committed, m_rendered);
-            cv::Point_<int> a(int(p->pt1.x * toWorkX), int(p->pt1.y * toWorkY));
-            cv::Point_<int> b(int(p->pt2.x * toWorkX), int(p->pt2.y * toWorkY));
-            cv::Point_<int> aIn(std::clamp(a.x, 0, m_paint.cols - 1), std::clamp(a.y, 0, m_paint.rows - 1));
-            cv::Point_<int> bIn(std::clamp(b.x, 0, m_paint.cols - 1), std::clamp(b.y, 0, m_paint.rows - 1));
-            setPointInsideMat(m_gradStart, a, m_paint, aIn);
-            setPointInsideMat(m_gradEnd, b, m_paint, bIn);
-            drawGradientMask(m_paint, p->gradientType, m_gradStart, m_gradEnd);
-            m_renderPending = m_paintLive = true;
-            m_dirty = true;
-            break;
-        }
-        case TMaskCmd::PostFilter: {
-            float const factor = clampf(p->post[0], 0, float(kMaxPostRadius));
-            float const strength = clampf(p->post[1], 0, 1);
-            render();
-            if (!m_postActive) {  // the unrefined mask goes aside: every trial starts from it
-                commitPaint();
-                copyRows(m_committed, m_source);
-                m_postActive = true;
-            }
-            int const radius = std::min(kMaxPostRadius, int(factor * toWorkX));
-            setMaskContrast(p->post[3]);
-            setMaskOffset(p->post[2]);
-            postFilter(m_source, m_committed, radius, strength);
-            copyRows(m_committed, m_rendered);
-            m_dirty = true;
-            break;
-        }
-        case TMaskCmd::Apply:
-            if (p->value == 0) {  // keep the refinement
-                m_postActive = false;
-                m_dirty = true;
-            } else if (m_postActive) {  // drop it
-                postRestore();
-                copyRows(m_committed, m_rendered);
-                m_dirty = true;
-            }
-            break;
-        case TMaskCmd::CopyMask:
-            if (p->maskSource != nullptr) {
+            case TMaskCmd::SetValue:  // the blend value decides, not the command's own
                 resetMask(m_paint, 0);
                 m_renderPending = m_paintLive = false;
-                m_postActive = false;
-                copyFrom(*p->maskSource);
+                resetMask(m_committed, static_cast<unsigned char>(255 - m_blendValue));
+                copyRows(m_committed, m_rendered);
+                m_dirty = true;
+                break;
+            case TMaskCmd::Invert:
+                commitPaint();
+                postRestore();
+                invertMask(m_committed);
+                copyRows(m_committed, m_rendered);
+                m_dirty = true;
+                m_renderPending = false;
+                break;
+            case TMaskCmd::ColorPicker:
+                m_refPoint = p->pt1;
+                break;
+            case TMaskCmd::DrawStart:
+                commitPaint();
+                m_strokeStarted = 1;
+                postRestore();
+                copyRows(m_committed, m_rendered);
+                resetMask(m_paint, 0);
+                break;
+            case TMaskCmd::DrawDot:
+                drawStrokeDot(p->useColorGate, p);
+                m_prevPoint = p->pt1;
+                m_strokeStarted = 0;
+                m_renderPending = m_paintLive = true;
+                m_dirty = true;
+                break;
+            case TMaskCmd::SuperMask: {
+                // A new shape takes the mask under it as its base; a shape right after a shape
+                // (a slider being dragged) is drawn again over the same base.
+                if (!again) {
+                    postRestore();
+                    commitPaint();
+                    copyRows(m_committed, m_source);
+                }
+                render();
+                float const f[4] = {clampf(p->f1, 0, 1), clampf(p->f2, 0, 1), clampf(p->f3, 0, 1),
+                                    clampf(p->f4, 0, 1)};
+                cv::Point_<int> at = p->pt1;
+                resetMask(m_paint, 0);
+                drawSuperMask(m_paint, at, f[0], f[1], f[2], f[3]);
+                if (m_source.size() != m_paint.size()) copyRows(m_committed, m_source);
+                renderMask(m_source, m_paint, m_committed, m_blendValue, 0);
+                copyRows(m_committed, m_rendered);
+                resetMask(m_paint, 0);
+                m_dirty = true;
+                break;
             }
-            m_dirty = true;
-            break;
-        default:  // stroke end and type 8: nothing to draw
-            break;
+            case TMaskCmd::GradientMask: {
+                if (!again) commitPaint();  // a new gradient; one right after redraws the last
+                postRestore();
+                copyRows(m_committed, m_rendered);
+                cv::Point_<int> a(int(p->pt1.x * toWorkX), int(p->pt1.y * toWorkY));
+                cv::Point_<int> b(int(p->pt2.x * toWorkX), int(p->pt2.y * toWorkY));
+                cv::Point_<int> aIn(std::clamp(a.x, 0, m_paint.cols - 1),
+                                    std::clamp(a.y, 0, m_paint.rows - 1));
+                cv::Point_<int> bIn(std::clamp(b.x, 0, m_paint.cols - 1),
+                                    std::clamp(b.y, 0, m_paint.rows - 1));
+                setPointInsideMat(m_gradStart, a, m_paint, aIn);
+                setPointInsideMat(m_gradEnd, b, m_paint, bIn);
+                drawGradientMask(m_paint, p->gradientType, m_gradStart, m_gradEnd);
+                m_renderPending = m_paintLive = true;
+                m_dirty = true;
+                break;
+            }
+            case TMaskCmd::PostFilter: {
+                float const factor = clampf(p->post[0], 0, float(kMaxPostRadius));
+                float const strength = clampf(p->post[1], 0, 1);
+                render();
+                if (!m_postActive) {  // the unrefined mask goes aside: every trial starts from it
+                    commitPaint();
+                    copyRows(m_committed, m_source);
+                    m_postActive = true;
+                }
+                int const radius = std::min(kMaxPostRadius, int(factor * toWorkX));
+                setMaskContrast(p->post[3]);
+                setMaskOffset(p->post[2]);
+                postFilter(m_source, m_committed, radius, strength);
+                copyRows(m_committed, m_rendered);
+                m_dirty = true;
+                break;
+            }
+            case TMaskCmd::Apply:
+                if (p->value == 0) {  // keep the refinement
+                    m_postActive = false;
+                    m_dirty = true;
+                } else if (m_postActive) {  // drop it
+                    postRestore();
+                    copyRows(m_committed, m_rendered);
+                    m_dirty = true;
+                }
+                break;
+            case TMaskCmd::CopyMask:
+                if (p->maskSource != nullptr) {
+                    resetMask(m_paint, 0);
+                    m_renderPending = m_paintLive = false;
+                    m_postActive = false;
+                    copyFrom(*p->maskSource);
+                }
+                m_dirty = true;
+                break;
+            default:  // stroke end and type 8: nothing to draw
+                break;
         }
         m_lastType = cmd.type;
     }
@@ -402,9 +421,13 @@ int TDrawMask::histStatus() const {
     return (m_histCur != m_histStart ? 1 : 0) | (m_histCur != m_histEnd ? 2 : 0);
 }
 
-void TDrawMask::clearMaskHist() { m_histStart = m_histCur = m_histEnd = -1; }
+void TDrawMask::clearMaskHist() {
+    m_histStart = m_histCur = m_histEnd = -1;
+}
 
-void TDrawMask::clearRedos() { m_histEnd = std::max(m_histCur, 0); }
+void TDrawMask::clearRedos() {
+    m_histEnd = std::max(m_histCur, 0);
+}
 
 void TDrawMask::copyInHist(cv::Mat const &plane) {
     std::vector<unsigned char> &slot = m_hist[std::size_t(m_histCur)];

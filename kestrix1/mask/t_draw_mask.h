@@ -34,7 +34,7 @@ class TPImage;
 
 class KESTRIX1_EXPORT TDrawMask {
 public:
-    static constexpr int kLutSize = 8000;    // brush table entries: radii below this
+    static constexpr int kLutSize = 8000;     // brush table entries: radii below this
     static constexpr int kSinCosSize = 3600;  // tenths of a degree
     static constexpr int kHistSlots = 8;      // states kept for undo and redo
 
@@ -96,8 +96,8 @@ public:
     void cmdInvert();
     void cmdSetColorPicker(cv::Point_<int> const &pt);
     void cmdDrawStart();
-    void cmdDrawADot(cv::Point_<int> const &pt, unsigned char value, int radius,
-                     int innerRadius, float flow, bool useColorGate, bool useRefPoint);
+    void cmdDrawADot(cv::Point_<int> const &pt, unsigned char value, int radius, int innerRadius,
+                     float flow, bool useColorGate, bool useRefPoint);
     void cmdDrawADot(TMaskParam const &dot);
     void cmdDrawEnd();
     // Size, then a, b and c of drawSuperMask (c: how strictly colour gates the disc), and a
@@ -215,9 +215,9 @@ public:
     // saturated, with lo = 0, hi = 255 up to size 0.95 and above it g = trunc((size - 0.95)
     // 200), lo = clamp(-g, 0, 254), hi = clamp(255 - g, 1, 255). Finally filterGuidedByY of
     // plane onto itself along the image's Y plane, radius 1, eps 0.0001, the object's guided
-    // filter, one pass. c sets how strictly colour gates the disc (0 most lenient, 1 strictest); a and b are kept
-    // for hosts (they travel with the command) and change nothing here. Planes up to 32767
-    // pixels a side.
+    // filter, one pass. c sets how strictly colour gates the disc (0 most lenient, 1 strictest); a
+    // and b are kept for hosts (they travel with the command) and change nothing here. Planes up to
+    // 32767 pixels a side.
     void drawSuperMask(cv::Mat &plane, cv::Point_<int> &centre, float size, float a, float b,
                        float c);
     // The outline of a superellipse into plane with value: for i = 0..3599 (tenths of a
@@ -315,7 +315,7 @@ protected:
     bool m_paintLive = false;  // the paint mask holds coverage not yet in the committed mask
     int m_mergeMode = 0;
     std::vector<TMaskCmd> m_commands;
-    int m_nextIdx = -1;  // the last command run, -1 when none
+    int m_nextIdx = -1;              // the last command run, -1 when none
     std::unique_ptr<float[]> m_lut;  // brush table, kLutSize entries
     int m_strokeStarted = 0;
     int m_lutOuter = -1, m_lutInner = -1;

@@ -2,8 +2,13 @@
 
 TMaskParam::TMaskParam(cv::Point_<int> const &pt, unsigned char v, int r, int inner, float fl,
                        bool gate, bool refPoint)
-    : value(v), radius(r), innerRadius(inner), flow(fl), useColorGate(gate),
-      useRefPoint(refPoint), pt1(pt) {}
+    : value(v),
+      radius(r),
+      innerRadius(inner),
+      flow(fl),
+      useColorGate(gate),
+      useRefPoint(refPoint),
+      pt1(pt) {}
 
 TMaskParam::TMaskParam(cv::Point_<int> const &start, cv::Point_<int> const &end, int type)
     : gradientType(type), pt1(start), pt2(end) {}

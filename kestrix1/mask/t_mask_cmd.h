@@ -17,20 +17,21 @@ class TDrawMask;
 // every other field at its start value (points at 0, 0; flow 1; everything else 0 or null).
 class KESTRIX1_EXPORT TMaskParam {
 public:
-    unsigned char value = 0;   // dot and set-value: the value laid down, 0..255
-    int radius = 0;            // dot: outer radius in pixels, below 8000
-    int innerRadius = 0;       // dot: full coverage up to here
-    float flow = 1.0f;         // dot: strength, 0..1
-    bool useColorGate = false; // dot: keep the dot to colours like the reference
-    bool useRefPoint = false;  // dot: the reference is the colour picker's point, not the centre
-    int gradientType = 0;      // gradient: 0..4
-    cv::Point_<int> pt1{0, 0}; // all drawing: the dot's centre, the gradient's start, the shape's anchor
-    cv::Point_<int> pt2{0, 0}; // gradient: its end
+    unsigned char value = 0;    // dot and set-value: the value laid down, 0..255
+    int radius = 0;             // dot: outer radius in pixels, below 8000
+    int innerRadius = 0;        // dot: full coverage up to here
+    float flow = 1.0f;          // dot: strength, 0..1
+    bool useColorGate = false;  // dot: keep the dot to colours like the reference
+    bool useRefPoint = false;   // dot: the reference is the colour picker's point, not the centre
+    int gradientType = 0;       // gradient: 0..4
+    cv::Point_<int> pt1{
+        0, 0};  // all drawing: the dot's centre, the gradient's start, the shape's anchor
+    cv::Point_<int> pt2{0, 0};     // gradient: its end
     float f1 = 0, f2 = 0, f3 = 0;  // super mask: size, then the command's second and third float
     int reserved[2] = {0, 0};
-    float f4 = 0;                  // super mask: the fourth float
-    bool superFlag = false;        // super mask: the flag of its command
-    float post[4] = {0, 0, 0, 0};  // refinement: radius factor, strength, offset, contrast
+    float f4 = 0;                     // super mask: the fourth float
+    bool superFlag = false;           // super mask: the flag of its command
+    float post[4] = {0, 0, 0, 0};     // refinement: radius factor, strength, offset, contrast
     TDrawMask *maskSource = nullptr;  // copy: the painter whose committed mask is copied
 
     TMaskParam() = default;

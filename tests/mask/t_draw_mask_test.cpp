@@ -3,6 +3,7 @@
 #include "kestrix1/mask/t_draw_mask.h"
 
 #include <gtest/gtest.h>
+#include <omp.h>
 
 #include "kestrix1/image/tp_image.h"
 
@@ -12,6 +13,7 @@ using cv::Mat;
 
 struct Open : TDrawMask {
     using TDrawMask::addHist, TDrawMask::histStatus, TDrawMask::m_committed, TDrawMask::m_source;
+    using TDrawMask::redoMask, TDrawMask::undoMask;
 };
 
 // A small working image: Y a ramp, neutral colour.
@@ -26,7 +28,9 @@ TPImage image(int w, int h) {
     return im;
 }
 
-int valueOf(Mat const &m) { return m.at<std::uint8_t>(0, 0); }
+int valueOf(Mat const &m) {
+    return m.at<std::uint8_t>(0, 0);
+}
 
 TEST(TDrawMask, HistoryKeepsEightStatesAndASnapshotDropsTheRedo) {
     // Without an image, the first state recorded leaves the start at -1: no undo yet.
@@ -61,6 +65,9 @@ TEST(TDrawMask, HistoryKeepsEightStatesAndASnapshotDropsTheRedo) {
     EXPECT_FALSE(o.bdirty());
     o.undo();
     EXPECT_EQ(valueOf(o.committedMask()), 3);
+    Mat plane(4, 6, CV_8UC1, cv::Scalar(0));  // the same steps on a plane of the host's
+    EXPECT_TRUE(o.redoMask(plane) && valueOf(plane) == 42 && !o.redoMask(plane));
+    EXPECT_TRUE(o.undoMask(plane) && valueOf(plane) == 3);
 }
 
 TEST(TDrawMask, ProcReplaysOnlyWhatIsNewAndUsesTheBlendValueToFill) {
@@ -101,7 +108,7 @@ TEST(TDrawMask, RefinementIsKeptOrDroppedAndMasksFollowANewImage) {
     Open m;
     m.setInImage(&im, false);
     m.cmdDrawEnd();
-    m.proc();  // started: later commands work on the mask as it is
+    m.proc();                                // started: later commands work on the mask as it is
     m.m_committed.colRange(0, 32).setTo(0);  // a hard edge to soften
     Mat const before = m.m_committed.clone();
     m.cmdPostFilter(6, 0.0f, 0, 0);
@@ -128,6 +135,39 @@ TEST(TDrawMask, RefinementIsKeptOrDroppedAndMasksFollowANewImage) {
     EXPECT_EQ(roi.size(), cv::Size(128, 96));
     m.setInImage(&big, false);
     EXPECT_EQ(cv::countNonZero(m.committedMask() != 255), 0);
+}
+
+// Every kind of command replayed by proc: the same mask at 1, 2 and 4 threads.
+TEST(TDrawMask, AFullReplayIsTheSameAtAnyThreadCount) {
+    TPImage im = image(700, 420), other = image(350, 210);
+    Mat first;
+    for (int threads : {1, 2, 4}) {
+        omp_set_num_threads(threads);
+        TDrawMask from, m;
+        from.setInImage(&other, false);
+        from.cmdInvert();
+        from.proc();
+        m.setInImage(&im, false);
+        m.setMaskBlendValue(200);
+        m.cmdSetColorPicker({100, 100});
+        m.cmdDrawStart();
+        for (int i = 0; i < 6; ++i)
+            m.cmdDrawADot({60 * i, 40 * i}, 255, 90, 20, 0.7f, i % 2 == 0, i == 4);
+        m.cmdDrawEnd();
+        m.cmdDrawGradientMask({100, 300}, {600, 80}, 1);
+        m.cmdDrawGradientMask({100, 300}, {650, 80}, 1);  // dragged: replaces the last one
+        m.cmdDrawSuperMask({350, 200}, 0.85f, 0, 0, 0.5f, false);
+        m.cmdPostFilter(8, 0.5f, 0.1f, 0.2f);
+        m.applyButtonClicked(false);
+        m.proc();
+        if (first.empty()) first = m.renderedMask().clone();
+        EXPECT_EQ(cv::norm(m.renderedMask(), first, cv::NORM_INF), 0) << threads;
+        m.cmdCopyMaskFrom(&from);  // a smaller mask is scaled to this one
+        m.proc();
+        EXPECT_EQ(cv::countNonZero(m.committedMask()), 0);
+    }
+    omp_set_num_threads(omp_get_num_procs());
+    EXPECT_GT(cv::countNonZero(first != 255), 10000);  // something was painted
 }
 
 }  // namespace
