@@ -23,6 +23,7 @@
 #pragma once
 
 #include "kestrix1/blocks/block_processor.h"
+#include "kestrix1/blocks/tmr.h"
 #include "kestrix1/effects/t_details3.h"
 #include "kestrix1/filters/a_filter.h"
 #include "kestrix1/filters/bilateral_filter.h"
@@ -35,6 +36,13 @@
 #include "kestrix1/frame/t_mat.h"
 #include "kestrix1/frame/t_progress.h"
 #include "kestrix1/frame/t_uid.h"
+#include "kestrix1/hist/color_transfer.h"
+#include "kestrix1/hist/hist_match.h"
+#include "kestrix1/hist/hist_transfer.h"
+#include "kestrix1/hist/lum_transfer.h"
+#include "kestrix1/hist/m_hist.h"
+#include "kestrix1/hist/normalization.h"
+#include "kestrix1/hist/t_hist_draw.h"
 #include "kestrix1/image/scaling.h"
 #include "kestrix1/image/t_image.h"
 #include "kestrix1/image/tp_image.h"
