@@ -46,5 +46,6 @@ public:
 
 private:
     std::vector<int> curves_;  // storage of values and levels
+    cv::Mat work_;             // the turned image, kept between calls of one size; not copied
     void pointCurves();
 };
