@@ -49,7 +49,8 @@ public:
     // planes: three CV_16UC1 planes of one size. They are merged and converted to CV_16SC3
     // with v 0.4640727096341327 - 15206.734549291261 (saturated, rint), so that any
     // rotation stays inside the signed range, then each of the twelve rotations is applied
-    // (saturated) and measured by computeHist. Clears isEmpty. Returns true. Planes of
+    // (saturated) and measured by computeHist. Clears isEmpty. Returns true, at once and
+    // with nothing changed when there are no planes or the first is empty. Planes of
     // another type or of different sizes throw cv::Exception. The steps run fused, one pass
     // over rows held in cache, and give exactly the counts of the steps done one by one.
     bool compute(std::vector<cv::Mat> const &planes);
