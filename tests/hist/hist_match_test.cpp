@@ -10,6 +10,7 @@
 #include "kestrix1/hist/hist_transfer.h"
 #include "kestrix1/hist/normalization.h"
 #include "tests/support/images.h"
+#include "tests/support/vector_paths.h"
 
 using u16 = std::uint16_t;
 
@@ -89,17 +90,20 @@ TEST(Normalization, MatchesThePlainFormulaAtItsLimitsAndEveryThreadCount) {
     u16 a4[] = {0, 65535, 0, 101}, b4[] = {0, 0, 65535, 100}, d4[] = {32768, 0, 65535, 12345};
     for (auto [from, to] : {std::pair{a4, ab[0]}, {b4, ab[1]}, {d4, d0[0]}, {d4, d0[1]}})
         cv::Mat(1, 4, CV_16UC1, from).copyTo(to(cv::Rect(0, 0, 4, 1)));
-    for (float strength : {0.0f, 1.0f, 0.7f, 2.5f})
-        for (int threads : {1, 2, 4}) {
-            omp_set_num_threads(threads);
-            d[0] = d0[0].clone(), d[1] = d0[1].clone();
-            Normalization::normalizeDBDR(ab[0], ab[1], d[0], d[1], strength);
-            for (int p = 0, k = 0; p < 2 * rows * cols; ++p, k = p / (rows * cols)) {
-                int const y = p / cols % rows, x = p % cols;
-                double const q = (ab[0].at<u16>(y, x) + 1024.0) / (ab[1].at<u16>(y, x) + 1025.0);
-                double const w = std::clamp(q, 0.5, 4.0) * strength;
-                double const want = std::nearbyint(d0[k].at<u16>(y, x) * w + (1 - w) * 32769.0);
-                ASSERT_EQ(d[k].at<u16>(y, x), std::clamp(want, 0.0, 65535.0)) << strength << p;
+    kxtest::forEachVectorPath([&] {
+        for (float strength : {0.0f, 1.0f, 0.7f, 2.5f})
+            for (int threads : {1, 2, 4}) {
+                omp_set_num_threads(threads);
+                d[0] = d0[0].clone(), d[1] = d0[1].clone();
+                Normalization::normalizeDBDR(ab[0], ab[1], d[0], d[1], strength);
+                for (int p = 0, k = 0; p < 2 * rows * cols; ++p, k = p / (rows * cols)) {
+                    int const y = p / cols % rows, x = p % cols;
+                    double const q =
+                        (ab[0].at<u16>(y, x) + 1024.0) / (ab[1].at<u16>(y, x) + 1025.0);
+                    double const w = std::clamp(q, 0.5, 4.0) * strength;
+                    double const want = std::nearbyint(d0[k].at<u16>(y, x) * w + (1 - w) * 32769.0);
+                    ASSERT_EQ(d[k].at<u16>(y, x), std::clamp(want, 0.0, 65535.0)) << strength << p;
+                }
             }
-        }
+    });
 }
