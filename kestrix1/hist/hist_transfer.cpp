@@ -61,9 +61,9 @@ void HistTransfer::computeHist(cv::Mat &image, int lower, int upper, int **const
 }
 
 void HistTransfer::filterHist(int *bins, int n, float sigma) {
-    float const s = float(double(sigma) * 0.25 * n);
-    int const R = std::min(int(3.0f * s), n);
-    if (R <= 0 || n <= 0) return;
+    float const s = float(double(sigma) * 0.25 * n), r = 3.0f * s;
+    if (n <= 0 || !(r >= 1.0f)) return;  // R = (int)(3 s) is 0 or less, or sigma not a number
+    int const R = r >= float(n) ? n : int(r);
     double const c = 0.5 / (double(s) * double(s));
     // Weights summed serially, so the sum does not depend on the number of threads.
     std::vector<double> g(std::size_t(R) + 1);
