@@ -137,8 +137,8 @@ void HistTransfer::transfer1D(int *from, int *to, int fromLower, int fromUpper, 
         double const c = cs[i + 1];
         while (k + 1 < kBins && ct[k + 1] <= c)
             ++k;
-        // ct[k] <= c < ct[k + 1] once k + 1 < kBins stops the walk early; above that the
-        // last interval extrapolates, and the position is kept within the bins.
+        // The walk stops where ct[k] <= c < ct[k + 1], or at the last interval, beyond which
+        // p is extrapolated and then kept within the bins.
         double p = (k - 1) + (c - ct[k]) / (ct[k + 1] - ct[k]);
         p = std::clamp(p, 0.0, double(kBins - 1));
         levels[i + 1] = fromLower + int(std::floor(i * fromStep));
