@@ -2,13 +2,15 @@
 // full size, b the same three planes mirrored left to right, so that the two images differ
 // everywhere. The block recipes (proc3, proc4, proc5) stand beside the same chain run on the
 // whole planes without blocks ("whole"), written here with the same float steps: their
-// ratio is the price of the blocks. The AFilter recipes (proc, proc1, proc2, proc6) run on
-// the photograph reduced to 3000 x 2000, as each makes two or more passes of the filter.
+// ratio is the price of the blocks. The AFilter recipes (proc, proc1, proc2, proc6), which
+// make one or two passes of the filter over the image, run at 24 megapixels and on the
+// photograph reduced to 3000 x 2000 (6 megapixels) for quicker runs.
 #include <omp.h>
 
 #include <cstdint>
 #include <memory>
 #include <opencv2/imgproc.hpp>
+#include <string>
 #include <vector>
 
 #include "bench/support/bench.h"
@@ -112,7 +114,7 @@ struct Whole {
 };
 
 void addRecipe(
-    char const *name,
+    std::string const &name,
     std::function<void(TMR &, Planes const &, Planes const &, Planes const &, Planes &)> recipe,
     Planes const &a, Planes const &b) {
     std::int64_t const bytes = std::int64_t(a[0].total()) * 2 * 9;
@@ -161,31 +163,36 @@ int const registered = [] {
     whole("TMR_proc4", [a, b](Whole &w) { w.proc4(a, b, a); });
     whole("TMR_proc5", [a, b](Whole &w) { w.proc5(a, b); });
 
+    // The AFilter recipes at 6 and at 24 megapixels: "TMR_proc_6MP", "TMR_proc_24MP", ...
     Planes const s = photoPlanes({3000, 2000}), m = mirrored(s);
-    addRecipe(
-        "TMR_proc_6MP",
-        [](TMR &t, Planes const &x, Planes const &y, Planes const &, Planes &o) {
-            t.proc(x, y, o);
-        },
-        s, m);
-    addRecipe(
-        "TMR_proc1_6MP",
-        [](TMR &t, Planes const &x, Planes const &y, Planes const &, Planes &o) {
-            t.proc1(x, y, o);
-        },
-        s, m);
-    addRecipe(
-        "TMR_proc2_6MP",
-        [](TMR &t, Planes const &x, Planes const &y, Planes const &, Planes &o) {
-            t.proc2(x, y, o);
-        },
-        s, m);
-    addRecipe(
-        "TMR_proc6_6MP",
-        [](TMR &t, Planes const &x, Planes const &y, Planes const &, Planes &o) {
-            t.proc6(x, y, o);
-        },
-        s, m);
+    for (bool full : {false, true}) {
+        Planes const &x = full ? a : s, &y = full ? b : m;
+        std::string const size = full ? "_24MP" : "_6MP";
+        addRecipe(
+            "TMR_proc" + size,
+            [](TMR &t, Planes const &p, Planes const &q, Planes const &, Planes &o) {
+                t.proc(p, q, o);
+            },
+            x, y);
+        addRecipe(
+            "TMR_proc1" + size,
+            [](TMR &t, Planes const &p, Planes const &q, Planes const &, Planes &o) {
+                t.proc1(p, q, o);
+            },
+            x, y);
+        addRecipe(
+            "TMR_proc2" + size,
+            [](TMR &t, Planes const &p, Planes const &q, Planes const &, Planes &o) {
+                t.proc2(p, q, o);
+            },
+            x, y);
+        addRecipe(
+            "TMR_proc6" + size,
+            [](TMR &t, Planes const &p, Planes const &q, Planes const &, Planes &o) {
+                t.proc6(p, q, o);
+            },
+            x, y);
+    }
 
     cv::Mat const y = a[0], yb = b[0];
     add(
