@@ -14,7 +14,10 @@ class LocalFilter;
 
 class KESTRIX1_EXPORT LumTransfer {
 public:
-    LocalFilter *filter;        // owned; made by the constructor with 16 remap levels
+    // Owned; made by the constructor as LocalFilter(8, 16): 16 reference grey levels, and 8
+    // pyramid levels that only fill the member, since each proc sets the depth from the
+    // plane's size. Its range stays 1.
+    LocalFilter *filter;
     int iterations = 0;         // rounds of proc
     cv::Mat work;               // CV_32F 256 x 1: cumulative histogram of the input's detail
     cv::Mat targetCDF;          // of the reference's tones
@@ -37,6 +40,7 @@ public:
     // to the filter as its remap curve, the filter's proc3 runs over x, the result's tone
     // histogram is matched to the reference's, and HistMatch::remap of the result makes the
     // next x; the last x is copied into out. With zero rounds out is made and left unwritten.
-    // LocalFilter's texts pass through. Returns true.
+    // An empty in makes out empty. LocalFilter's texts pass through, and its proc3 prints its
+    // three timing lines each round. Returns true.
     bool proc(cv::Mat const &in, cv::Mat &out);
 };

@@ -12,6 +12,8 @@ public:
     // limited to 0.5 .. 4.0, w = q strength, and db = rint(db w + (1 - w) 32769.0) saturated
     // to 0..65535, the same for dr. The two offsets and the centre 32769 (not the neutral
     // 32768, so a neutral chroma moves by one code when w is not 1) are kept on purpose.
+    // Parallel over rows, bit-identical at any thread count. Planes that are empty or not of
+    // that type and size are left alone.
     static void normalizeDBDR(cv::Mat const &a, cv::Mat const &b, cv::Mat &db, cv::Mat &dr,
                               float strength);
 };

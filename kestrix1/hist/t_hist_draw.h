@@ -21,6 +21,16 @@ public:
     // the width, scaled so that the smaller of the highest bin and 4 times the mean bin of a
     // channel reaches the top, the last bin lowered so that a burnt-out peak does not flatten
     // the rest.
+    //
+    // - Last bin: lowered to at most 4 times the mean of the other 255 bins.
+    // - Scale: one for the three channels (their heights compare), the largest of the
+    //   channels' min(highest bin, 4 x mean bin); a bin of that height fills the picture.
+    // - Columns: bin i stands at x = rint(i (width - 1) / 255); between two bins a filled
+    //   shape follows both heights, so a lone bin is one peak.
+    // - Colours: the picture is blue, green, red in OpenCV's order. Each channel paints 220
+    //   over 40, so the background is dark grey, one channel alone is its own colour, two
+    //   overlapping channels give yellow, cyan or magenta and all three a light grey.
+    // - An empty image or a picture size of 0 leaves only the background (or nothing).
     void getHistMat(cv::Mat &out, TPImage &image);
 
 private:
