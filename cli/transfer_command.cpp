@@ -55,7 +55,7 @@ struct RecipeInfo {
 RecipeInfo const kRecipes[] = {
     {Recipe::proc, "proc", Filter::fixed, true, 0, 0, 0},
     {Recipe::proc1, "proc1", Filter::manifold, true, 25.0f, 0.5f, 4.0f},
-    {Recipe::proc2, "proc2", Filter::manifold, true, 25.0f, 0.5f, 4.0f},
+    {Recipe::proc2, "proc2", Filter::manifold, false, 25.0f, 0.5f, 4.0f},
     {Recipe::proc3, "proc3", Filter::dt, true, 30.0f, 0.25f, 1.0f},
     {Recipe::proc4, "proc4", Filter::dt, true, 30.0f, 0.25f, 1.0f},
     {Recipe::proc5, "proc5", Filter::dt, true, 30.0f, 0.25f, 1.0f},
@@ -120,14 +120,19 @@ char const kFooter[] =
     "library's recipe, --sigma-s its filter's reach in pixels and --sigma-r the size of "
     "difference it takes for an edge, a fraction of full scale (see each recipe's default):\n"
     "  c2 (default): the difference of the two pictures smoothed by the bilateral grid and "
-    "added to the one whose detail is kept; fast. Defaults --sigma-s 16 --sigma-r 0.5.\n"
-    "  c1: the bilateral grid run twice and the detail added to the other's base. Same "
-    "defaults.\n"
-    "  proc: adaptive manifolds with fixed settings (no --sigma-s or --sigma-r).\n"
-    "  proc1, proc2, proc6: adaptive manifolds, in blocks (proc1, proc6) or whole (proc2). "
+    "added to the picture whose detail is kept; fast. Defaults --sigma-s 16 --sigma-r 0.5.\n"
+    "  c1: both pictures smoothed by the bilateral grid, the base of one with the detail of "
+    "the other. Same defaults.\n"
+    "  proc: both smoothed by adaptive manifolds with settings of their own (no --sigma-s or "
+    "--sigma-r).\n"
+    "  proc1: the same by blocks, with --sigma-s and --sigma-r. proc2: the difference smoothed "
+    "by adaptive manifolds along the edges of the picture whose detail is kept. proc6: both "
+    "bases by manifolds, block by block, their difference smoothed by the domain transform. "
     "Defaults --sigma-s 25 --sigma-r 0.5.\n"
-    "  proc3, proc4, proc5: the domain transform in blocks; proc5 takes the base under the "
-    "edges of the picture that gives the detail. Defaults --sigma-s 30 --sigma-r 0.25.\n"
+    "  proc3: the domain transform in three sweeps of blocks. proc4: the domain transform "
+    "splits the picture that gives the detail, then its detail is added to the other's base. "
+    "proc5: the base taken under the edges of the picture that gives the detail. Defaults "
+    "--sigma-s 30 --sigma-r 0.25.\n"
     "The manifolds' random directions start from a fixed seed, so a run repeats exactly.\n"
     "\n"
     "--strength S (0 .. 1, default 1) mixes the transfer into the photograph: 0.5 goes half "
