@@ -394,6 +394,14 @@ PxStatus pxLutLinear(std::int16_t const *src, int srcStep, std::int16_t *dst, in
     return lutLinearImpl(src, srcStep, dst, dstStep, size, 3, values, levels, nLevels);
 }
 
+PxStatus pxLutLinearTable(int const *values, int const *levels, int nLevels, std::int16_t *table) {
+    if (table == nullptr) return pxStsNullPtrErr;
+    std::vector<std::int16_t> full;
+    if (PxStatus s = linearTable(values, levels, nLevels, full)) return s;
+    std::copy(full.begin(), full.end(), table);
+    return pxStsNoErr;
+}
+
 void pxExpRun(float const *src, float *dst, int n) {
     if (n >= 32) {
         cv::hal::exp32f(src, dst, n);

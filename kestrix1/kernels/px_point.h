@@ -96,6 +96,10 @@ PxStatus pxLutLinear(std::int16_t const *src, int srcStep, std::int16_t *dst, in
                      IppiSize size, int const *const values[3], int const *const levels[3],
                      int const nLevels[3]);
 
+// The table that pxLutLinear applies to 16-bit signed pixels, for loops that fuse it with
+// other work: table[v + 32768] is the pixel v mapped through the nLevels pairs.
+PxStatus pxLutLinearTable(int const *values, int const *levels, int nLevels, std::int16_t *table);
+
 // dst = exp(src) over n floats (src and dst may be one run). OpenCV's vector exponential is
 // used on at least 32 elements at a time, so that every element goes through the same code
 // whatever the length of the run: results do not depend on how a plane is cut into rows,
