@@ -1,9 +1,9 @@
-// `kestrix transfer`: each mode and recipe gives a photograph back nearly unchanged when it is
-// its own reference and moves it towards another picture; saved histograms serve as the
-// reference picture did, damaged ones are refused in one line with nothing written; wrong
-// lines get their one-line messages.
+// `kestrix transfer`: each mode and recipe gives a photograph back nearly unchanged from itself
+// and moves it towards another picture; saved histograms serve as the picture did, damaged
+// ones are refused in one line with nothing written; wrong lines get their messages.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cctype>
 #include <fstream>
 #include <iterator>
@@ -27,8 +27,6 @@ struct Case {
 
 class TransferRuns : public testing::TestWithParam<Case> {};
 
-// The bounds of a transfer to itself are what the library's rounding leaves, as measured,
-// with a margin; detail and base of one picture are that picture.
 TEST_P(TransferRuns, ToItselfNearlyUnchangedAndTowardsAnother) {
     Case const c = GetParam();
     TempDir dir;
@@ -54,10 +52,11 @@ TEST_P(TransferRuns, ToItselfNearlyUnchangedAndTowardsAnother) {
     }
 }
 
-// Measured on this crop, in codes of 255: colour to itself 0 at 8 bits and 0.3 at most at 16;
-// detail and base 0, but proc4, whose detail list centred on mid-grey saturates at one
-// catch-light (15.5 codes); tone 63 at that catch-light and 3.1 on average, what the local
-// Laplacian filter leaves of an identity curve. Towards the other picture, 35 to 50 on average.
+// The bounds to itself, as measured on this crop, in codes of 255: colour 0 at 8 bits and 0.3
+// at most at 16; detail and base 0, but proc4, whose detail list centred on mid-grey saturates
+// at one catch-light (15.5 codes); tone 63 at that catch-light and 3.1 on average, what the
+// local Laplacian filter leaves of an identity curve. Towards the other picture, 35 to 50 on
+// average.
 INSTANTIATE_TEST_SUITE_P(
     EachModeAndRecipe, TransferRuns,
     testing::Values(Case{"--mode colour", 1, 0.1, 20}, Case{"--mode tone", 64, 3.5, 20},
@@ -71,8 +70,8 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{"--mode detail --recipe proc6 --sigma-s 8", 0, 0, 10}),
     [](auto const &info) {
         std::string name = info.param.line + 7;
-        for (char &c : name)
-            c = std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
+        std::replace_if(
+            name.begin(), name.end(), [](char c) { return !std::isalnum(c); }, '_');
         return name;
     });
 
@@ -94,52 +93,48 @@ TEST(TransferCommand, SavedReferenceServesAndDamagedOnesAreRefused) {
     TempDir dir;
     ASSERT_TRUE(cv::imwrite(dir / "in.png", crop(photo("chelsea.png"), 61, 47)));
     ASSERT_TRUE(cv::imwrite(dir / "ref.png", crop(photo("coffee.png"), 90, 70)));
-    std::string const common = "transfer " + dir / "in.png" + " --mode colour -q -o ";
     std::string err;
-    ASSERT_EQ(runHere(common + dir / "a.png --reference " + dir / "ref.png" + " --save-reference " +
-                          dir / "ref.xml",
-                      err),
-              0)
-        << err;
-    ASSERT_EQ(runHere(common + dir / "b.png --reference " + dir / "ref.xml", err), 0) << err;
+    auto run = [&](char const *out, std::string const &ref) {
+        return runHere("transfer " + dir / "in.png" + " --mode colour -q -o " + dir / out +
+                           " --reference " + dir / ref,
+                       err);
+    };
+    ASSERT_EQ(run("a.png", "ref.png --save-reference " + dir / "ref.xml"), 0) << err;
+    ASSERT_EQ(run("b.png", "ref.xml"), 0) << err;
     EXPECT_EQ(slurp(dir / "a.png"), slurp(dir / "b.png"));
 
     std::string const saved = slurp(dir / "ref.xml");
     std::vector<std::string> damaged = {"",
-                                        "<?xml version=\"1.0\"?>\n<opencv_storage>\n"
-                                        "<Hist>1</Hist></opencv_storage>\n"};
+                                        "<?xml version=\"1.0\"?><opencv_storage><Hist>1</Hist>"
+                                        "</opencv_storage>"};
     for (std::size_t at = 0; at < saved.size(); at += saved.size() / 150 + 1)
         damaged.push_back(saved.substr(0, at));
     std::mt19937 random(7);
     for (int i = 0; i < 150; ++i) {
-        std::string s = saved;
-        s[random() % s.size()] ^= char(1 + random() % 255);
-        damaged.push_back(s);
+        damaged.push_back(saved);
+        damaged.back()[random() % saved.size()] ^= char(1 + random() % 255);
     }
     for (char const *key : {"Hist", "MaxVal", "MinVal", "Step", "TotalPixels", "HistMax",
                             "opencv_storage", "rows", "cols", "dt", "data"})
         for (std::size_t at = saved.find(key); at != std::string::npos;
              at = saved.find(key, at + 1)) {
-            std::string s = saved;
-            s[at] = 'X';
-            damaged.push_back(s);
+            damaged.push_back(saved);
+            damaged.back()[at] = 'X';
         }
     int refused = 0;
     for (std::string const &text : damaged) {
         std::ofstream(dir / "bad.xml", std::ios::binary) << text;
-        int const status = runHere(common + dir / "c.png --reference " + dir / "bad.xml", err);
+        int const status = run("c.png", "bad.xml");
         ASSERT_TRUE(status == 0 || status == 1) << status << ": " << text;
-        bool const wrote = std::filesystem::remove(dir / "c.png");
-        EXPECT_EQ(wrote, status == 0) << err;
-        if (status == 0) continue;
-        ++refused;
-        EXPECT_EQ(err.rfind("kestrix: reference '" + dir / "bad.xml" + "' ", 0), 0u) << err;
-        EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+        EXPECT_EQ(std::filesystem::remove(dir / "c.png"), status == 0) << err;
+        refused += status;
+        bool const oneLine = err.rfind("kestrix: reference '" + dir / "bad.xml" + "' ", 0) == 0 &&
+                             std::count(err.begin(), err.end(), '\n') == 1;
+        EXPECT_TRUE(status == 0 || oneLine) << err;
     }
     EXPECT_GT(refused, int(damaged.size()) / 2);
-    EXPECT_EQ(runHere(common + dir / "c.png --reference " + dir / "foreign.xml", err), 1);
     std::ofstream(dir / "foreign.xml") << damaged[1];
-    EXPECT_EQ(runHere(common + dir / "c.png --reference " + dir / "foreign.xml", err), 1);
+    EXPECT_EQ(run("c.png", "foreign.xml"), 1);
     EXPECT_EQ(err, "kestrix: reference '" + dir / "foreign.xml" +
                        "' has no valid 'Hist' (expected histograms saved with --save-reference)\n");
 }
@@ -158,10 +153,6 @@ TEST(TransferCommand, RefusesWrongLines) {
          "--save-reference does not apply to --mode tone" + see},
         {"--reference r.png --mode colour --save-reference s.txt",
          "bad value 's.txt' for --save-reference (expected a file name ending in .xml)"},
-        {"--reference r.png --mode colour --rounds 3",
-         "--rounds does not apply to --mode colour" + see},
-        {"--reference r.png --mode tone --recipe c1",
-         "--recipe does not apply to --mode tone" + see},
         {"--reference r.XML --mode base",
          "--mode base needs a picture as --reference; 'r.XML' holds saved colour histograms"},
         {"--reference r.png --mode base --recipe proc --sigma-r 0.1",
@@ -174,9 +165,6 @@ TEST(TransferCommand, RefusesWrongLines) {
     };
     for (auto const &[line, want] : cases)
         EXPECT_EQ(usageErrorOf(addTransferOptions, "transfer", line), want) << line;
-    TransferSettings const s =
-        parseWith(addTransferOptions, "transfer", "--reference r.png --mode base");
-    EXPECT_TRUE(s.recipe == TransferSettings::Recipe::c2 && s.sigmaS == 16.0f && s.rounds == 2);
 }
 
 }  // namespace
