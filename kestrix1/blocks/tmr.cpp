@@ -161,8 +161,7 @@ void blockLists(std::vector<Planes const *> const &groups, Planes const &results
         outputs.push_back(i < 3 ? results[i] : scratch);
 }
 
-// The three planes of the per-block filters (also the base and detail of a whole-plane
-// run): each 16-bit plane to float by its gain.
+// Three 16-bit planes to three float planes, each by the gain of its slot.
 void floatPlanes(cv::Mat const *planes, int firstSlot, Planes &dst) {
     dst.resize(3);
     for (int i = 0; i < 3; ++i)

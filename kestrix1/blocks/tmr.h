@@ -51,9 +51,15 @@ public:
     // (proc3, proc4, proc5) or 32 (proc1, proc6), blocks rejoined by the linear cross-fade.
     // Blocks are filtered without their surroundings, so the result differs from the same
     // chain over the whole plane near block seams (by the filter's reach); away from them it
-    // is the same. All recipes return true. Only those with AFilter are random (its split
-    // directions come from OpenCV's unseeded generator); the others give the same pixels at
-    // any thread count.
+    // is the same. The recipes with DTFilter run its setup, which sets the process's thread
+    // count (see DTFilter::setup). All recipes return true.
+    //
+    // Only the recipes with AFilter (proc, proc1, proc2, proc6) are random: its split
+    // directions come from OpenCV's unseeded generator, and AFilter prints its timing lines.
+    // Where a recipe takes the bases of both images, the second run replays the generator's
+    // state of the first, so both are split along the same directions and differ only where
+    // the images do (proc(a, a) gives a back within a code); from call to call they vary. The
+    // others give the same pixels at any thread count.
 
     // No tiling, sigmas not used: A and B are the bases of a and b by AFilter, each its own
     // guide, setup(0.5, 25.0, 0, 1); out[i] = A[i] + (b[i] - B[i]) in float: the base of a
@@ -77,7 +83,10 @@ public:
     //      did not saturate;
     //   3. X = t2: out = F(t2) + (a - t1), b's detail on the base of t2, which is a's base
     //      smoothed once more, so less of a's own texture survives than in t2.
-    // t1 and t2 are six 16-bit planes of a's size held during the call.
+    // t1 and t2 are six 16-bit planes of a's size held during the call. They saturate where
+    // a - (b - B) leaves 0..65535, and at block seams, where the bases of two blocks disagree,
+    // the rejoined t1 and t2 may saturate too and the result there is off by up to that
+    // disagreement.
     bool proc3(std::vector<cv::Mat> const &a, std::vector<cv::Mat> const &b,
                std::vector<cv::Mat> &out);
     // Blocks, overlap 0: r = a filtered by DTFilter (sigmaS, sigmaR, L2) along the edges of

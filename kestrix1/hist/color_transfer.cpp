@@ -66,7 +66,8 @@ bool ColorTransfer::proc(std::vector<Mat> const &in, std::vector<Mat> &out) {
     // Checked here: transfer1D runs in a parallel loop, which no exception may leave.
     CV_Assert(kxHistUsable(target, 11));
     int const rows = in[0].rows, cols = in[0].cols;
-    Mat work(rows, cols, CV_16SC3);
+    work_.create(rows, cols, CV_16SC3);
+    Mat &work = work_;
     std::vector<int> counts(3 * kxHistBins);
     std::vector<std::int16_t> tables(3 * 65536);
     std::int16_t const *const tablePtrs[3] = {tables.data(), tables.data() + 65536,

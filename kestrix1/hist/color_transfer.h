@@ -4,6 +4,8 @@
 // turned by each of MHist's twelve rotations in turn, each of the three turned axes is matched
 // to the reference's histogram on its own by a 1026-point piecewise-linear curve, and the
 // cube is turned back. Only the reference's MHist is needed, so a host may keep it as text.
+// Earlier builds also allocated a 65536-entry 16-bit table per rotation and channel that
+// nothing filled or read; those are not kept.
 #pragma once
 
 #include <opencv2/core.hpp>
@@ -41,10 +43,15 @@ public:
     // objects are set once from rotation 0: with t, h the TotalPixels and HistMax of each,
     // m = min(h2 / t2, h1 / t1) 0.59717166 and clipValue = (int)(0.0014648438 t 0.40282834 + t m).
     // Back to 16 bits with v 2.154834747314453 + 32767. Returns true; empty input returns true
-    // at once and leaves out alone.
+    // at once and leaves out alone. The curves of the three channels are built in parallel;
+    // each round's table pass, turn back and next turn run as one pass over rows, with
+    // exactly the pixels of the steps done one by one, whatever the number of threads. out
+    // planes are made with create, as cv::split makes them. in of another type or of
+    // different sizes, or a target without its twelve rows, throws cv::Exception.
     bool proc(std::vector<cv::Mat> const &in, std::vector<cv::Mat> &out);
 
 private:
     std::vector<int> curves_;  // storage of values and levels
+    cv::Mat work_;             // the turned image, kept between calls of one size; not copied
     void pointCurves();
 };

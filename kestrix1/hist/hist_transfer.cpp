@@ -144,8 +144,9 @@ void HistTransfer::transfer1D(int *from, int *to, int fromLower, int fromUpper, 
         levels[i + 1] = fromLower + int(std::floor(i * fromStep));
         values[i + 1] = int(std::floor(toLower + toStep * p));
     }
-    levels[kBins + 1] = fromUpper;
-    values[kBins + 1] = toUpper;
+    // The closing pair one past both ranges, so that fromUpper itself is interpolated.
+    levels[kBins + 1] = fromUpper + 1;
+    values[kBins + 1] = toUpper + 1;
     // Written out over every signed value by the table primitive: values outside
     // fromLower .. fromUpper map to themselves.
     std::vector<std::int16_t> ramp(65536);

@@ -46,8 +46,8 @@ public:
     //   flat (no division by zero).
     // - Positions are kept within bins 0 .. 255 and values are
     //   floor(toLower + p (toUpper + 1 - toLower) / 256); the pairs are (fromLower, toLower),
-    //   the 256 bin levels, (fromUpper, toUpper). Values outside fromLower .. fromUpper map
-    //   to themselves.
+    //   the 256 bin levels, and (fromUpper + 1, toUpper + 1) so that fromUpper goes to
+    //   toUpper. Values outside fromLower .. fromUpper map to themselves.
     static void transfer1D(int *from, int *to, int fromLower, int fromUpper, short *table,
                            int toLower, int toUpper, float sigma);
 };

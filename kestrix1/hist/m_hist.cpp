@@ -318,6 +318,7 @@ MHist::MHist() {
 }
 
 bool MHist::compute(std::vector<Mat> const &planes) {
+    if (planes.empty() || planes[0].empty()) return true;
     CV_Assert(planes.size() == 3);
     for (Mat const &p : planes)
         CV_Assert(p.type() == CV_16UC1 && p.size() == planes[0].size());

@@ -18,8 +18,8 @@ inline double roundEven(double v) {
 
 // One row, in double precision as the offsets are written. Limiting to 0..65535 before the
 // rounding gives what rounding and then saturating gives.
-KX_VECTOR_CLONES void normalizeRow(u16 const *a, u16 const *b, u16 *db, u16 *dr, int n,
-                                   double strength) {
+__attribute__((always_inline)) inline void normalizeRowBody(u16 const *a, u16 const *b, u16 *db,
+                                                            u16 *dr, int n, double strength) {
     for (int x = 0; x < n; ++x) {
         double q = (double(a[x]) + 1024.0) / (double(b[x]) + 1025.0);
         q = q < 0.5 ? 0.5 : q;
@@ -33,6 +33,20 @@ KX_VECTOR_CLONES void normalizeRow(u16 const *a, u16 const *b, u16 *db, u16 *dr,
     }
 }
 
+KX_VECTOR_CLONES void normalizeRow(u16 const *a, u16 const *b, u16 *db, u16 *dr, int n,
+                                   double strength) {
+    normalizeRowBody(a, b, db, dr, n, strength);
+}
+
+// The same loop with AVX-512's conversions, which the loop spends most of its time in. The
+// same operations in the same order, and no fused multiply-add: the same results.
+#if KX_HAVE_AVX2_PATHS
+KX_AVX512_TARGET void normalizeRow512(u16 const *a, u16 const *b, u16 *db, u16 *dr, int n,
+                                      double strength) {
+    normalizeRowBody(a, b, db, dr, n, strength);
+}
+#endif
+
 bool plane(cv::Mat const &m, cv::Size size) {
     return m.type() == CV_16UC1 && m.size() == size;
 }
@@ -44,8 +58,12 @@ void Normalization::normalizeDBDR(cv::Mat const &a, cv::Mat const &b, cv::Mat &d
     cv::Size const size = a.size();
     if (a.empty() || !plane(a, size) || !plane(b, size) || !plane(db, size) || !plane(dr, size))
         return;
+    auto row = normalizeRow;
+#if KX_HAVE_AVX2_PATHS
+    if (kxHasAvx512()) row = normalizeRow512;
+#endif
     parallelRows(size.height, std::int64_t(size.area()), [&](int y) {
-        normalizeRow(a.ptr<u16>(y), b.ptr<u16>(y), db.ptr<u16>(y), dr.ptr<u16>(y), size.width,
-                     double(strength));
+        row(a.ptr<u16>(y), b.ptr<u16>(y), db.ptr<u16>(y), dr.ptr<u16>(y), size.width,
+            double(strength));
     });
 }

@@ -40,6 +40,22 @@ KX_VECTOR_CLONES void turnRow(float const *matrix, float *__restrict a, float *_
     }
 }
 
+// The same from three channels of 16-bit codes into floats.
+KX_VECTOR_CLONES void turnCodes(float const *matrix, std::int16_t const *__restrict a16,
+                                std::int16_t const *__restrict b16,
+                                std::int16_t const *__restrict c16, float *__restrict a,
+                                float *__restrict b, float *__restrict c, int n) {
+    float const t0 = matrix[0], t1 = matrix[1], t2 = matrix[2], t3 = matrix[3];
+    float const t4 = matrix[4], t5 = matrix[5], t6 = matrix[6], t7 = matrix[7];
+    float const t8 = matrix[8], t9 = matrix[9], t10 = matrix[10], t11 = matrix[11];
+    for (int x = 0; x < n; ++x) {
+        float const p = a16[x], q = b16[x], s = c16[x];
+        a[x] = roundSaturate(t0 * p + t1 * q + t2 * s + t3);
+        b[x] = roundSaturate(t4 * p + t5 * q + t6 * s + t7);
+        c[x] = roundSaturate(t8 * p + t9 * q + t10 * s + t11);
+    }
+}
+
 // The same, giving the bins of the turned values instead of the values.
 KX_VECTOR_CLONES void turnBins(float const *matrix, float const *__restrict a,
                                float const *__restrict b, float const *__restrict c,
@@ -57,32 +73,41 @@ KX_VECTOR_CLONES void turnBins(float const *matrix, float const *__restrict a,
 
 // Scratch of one band: three channels of a row as floats, and room for bin numbers.
 struct RowScratch {
-    explicit RowScratch(int cols) : f(std::size_t(cols) * 3), i(std::size_t(cols) * 3) {}
+    explicit RowScratch(int cols)
+        : f(std::size_t(cols) * 3), i(std::size_t(cols) * 3), w(std::size_t(cols) * 3) {}
     std::vector<float> f;
     std::vector<int> i;
+    std::vector<std::int16_t> w;
+    std::int16_t *codes(int c, int cols) { return w.data() + std::size_t(c) * cols; }
     float *ch(int c, int cols) { return f.data() + std::size_t(c) * cols; }
     int *bins(int c, int cols) { return i.data() + std::size_t(c) * cols; }
 };
 
 // body(y0, y1, localCounts) over bands of rows in parallel; each band counts into its own
-// nCounts counts, which are then added into `counts` (set to zero first).
+// `lanes` sets of nCounts counts, which are then added into `counts` (set to zero first).
+// Runs of equal pixels, common in photographs, make each count wait for the one before;
+// pixels counted in turn into separate lanes do not wait for each other.
 template <class Body>
-void countedBands(int rows, int cols, int nCounts, int *counts, Body &&body) {
+void countedBands(int rows, int cols, int nCounts, int lanes, int *counts, Body &&body) {
     std::fill(counts, counts + nCounts, 0);
     parallelBands(rows, std::int64_t(rows) * cols, [&](int y0, int y1) {
-        std::vector<int> local(nCounts, 0);
+        std::vector<int> local(std::size_t(nCounts) * lanes, 0);
         body(y0, y1, local.data());
         for (int k = 0; k < nCounts; ++k) {
-            if (local[k] != 0) {
+            int sum = 0;
+            for (int l = 0; l < lanes; ++l)
+                sum += local[std::size_t(l) * nCounts + k];
+            if (sum != 0) {
 #pragma omp atomic
-                counts[k] += local[k];
+                counts[k] += sum;
             }
         }
     });
 }
 
-void loadPlanes(std::vector<Mat> const &planes, int y, std::int16_t const *codes, float *a,
-                float *b, float *c, int cols) {
+template <class T>
+void loadPlanes(std::vector<Mat> const &planes, int y, std::int16_t const *codes, T *a, T *b, T *c,
+                int cols) {
     std::uint16_t const *p0 = planes[0].ptr<std::uint16_t>(y);
     std::uint16_t const *p1 = planes[1].ptr<std::uint16_t>(y);
     std::uint16_t const *p2 = planes[2].ptr<std::uint16_t>(y);
@@ -93,8 +118,8 @@ void loadPlanes(std::vector<Mat> const &planes, int y, std::int16_t const *codes
     }
 }
 
-void loadTables(std::int16_t const *w, std::int16_t const *const tables[3], float *a, float *b,
-                float *c, int cols) {
+void loadTables(std::int16_t const *w, std::int16_t const *const tables[3], std::int16_t *a,
+                std::int16_t *b, std::int16_t *c, int cols) {
     std::int16_t const *l0 = tables[0] + 32768, *l1 = tables[1] + 32768, *l2 = tables[2] + 32768;
     for (int x = 0; x < cols; ++x) {
         a[x] = l0[w[3 * x]];
@@ -103,18 +128,43 @@ void loadTables(std::int16_t const *w, std::int16_t const *const tables[3], floa
     }
 }
 
-void storeCounted(float const *a, float const *b, float const *c, std::int16_t *w, int *counts,
-                  int cols) {
-    int *h0 = counts, *h1 = counts + kxHistBins, *h2 = counts + 2 * kxHistBins;
-    for (int x = 0; x < cols; ++x) {
+// Writes three channels of whole numbers as interleaved pixels, and their bins, one per
+// channel with the channel's offset into the counts.
+KX_VECTOR_CLONES void packRow(float const *__restrict a, float const *__restrict b,
+                              float const *__restrict c, std::int16_t *__restrict w,
+                              int *__restrict i0, int *__restrict i1, int *__restrict i2, int n) {
+    for (int x = 0; x < n; ++x) {
         int const v0 = int(a[x]), v1 = int(b[x]), v2 = int(c[x]);
         w[3 * x] = std::int16_t(v0);
         w[3 * x + 1] = std::int16_t(v1);
         w[3 * x + 2] = std::int16_t(v2);
-        ++h0[binOf(v0)];
-        ++h1[binOf(v1)];
-        ++h2[binOf(v2)];
+        i0[x] = binOf(v0);
+        i1[x] = kxHistBins + binOf(v1);
+        i2[x] = 2 * kxHistBins + binOf(v2);
     }
+}
+
+constexpr int kLanes = 4;
+
+// Counts the bins of a row, pixel x into lane x % kLanes of kCounts counts each.
+void countRow(int const *i0, int const *i1, int const *i2, int *counts, int n) {
+    int *l0 = counts, *l1 = counts + kCounts, *l2 = counts + 2 * kCounts,
+        *l3 = counts + 3 * kCounts;
+    int x = 0;
+    for (; x + kLanes <= n; x += kLanes) {
+        ++l0[i0[x]], ++l0[i1[x]], ++l0[i2[x]];
+        ++l1[i0[x + 1]], ++l1[i1[x + 1]], ++l1[i2[x + 1]];
+        ++l2[i0[x + 2]], ++l2[i1[x + 2]], ++l2[i2[x + 2]];
+        ++l3[i0[x + 3]], ++l3[i1[x + 3]], ++l3[i2[x + 3]];
+    }
+    for (; x < n; ++x)
+        ++l0[i0[x]], ++l0[i1[x]], ++l0[i2[x]];
+}
+
+void storeCounted(RowScratch &s, std::int16_t *w, int *counts, int cols) {
+    int *i0 = s.bins(0, cols), *i1 = s.bins(1, cols), *i2 = s.bins(2, cols);
+    packRow(s.ch(0, cols), s.ch(1, cols), s.ch(2, cols), w, i0, i1, i2, cols);
+    countRow(i0, i1, i2, counts, cols);
 }
 
 std::vector<std::int16_t> signedCodes(double offset) {
@@ -148,7 +198,7 @@ std::uint16_t const *kxUnsignedCodes() {
 void kxCountRotations(std::vector<Mat> const &planes, int *counts) {
     int const rows = planes[0].rows, cols = planes[0].cols;
     std::int16_t const *codes = kxSignedCodes(false);
-    countedBands(rows, cols, kxRotations * kCounts, counts, [&](int y0, int y1, int *local) {
+    countedBands(rows, cols, kxRotations * kCounts, 1, counts, [&](int y0, int y1, int *local) {
         RowScratch s(cols);
         float *a = s.ch(0, cols), *b = s.ch(1, cols), *c = s.ch(2, cols);
         int *i0 = s.bins(0, cols), *i1 = s.bins(1, cols), *i2 = s.bins(2, cols);
@@ -170,13 +220,14 @@ void kxCountRotations(std::vector<Mat> const &planes, int *counts) {
 void kxTurnFirst(std::vector<Mat> const &planes, float const twist[12], Mat &work, int *counts) {
     int const rows = planes[0].rows, cols = planes[0].cols;
     std::int16_t const *codes = kxSignedCodes(true);
-    countedBands(rows, cols, kCounts, counts, [&](int y0, int y1, int *local) {
+    countedBands(rows, cols, kCounts, kLanes, counts, [&](int y0, int y1, int *local) {
         RowScratch s(cols);
         float *a = s.ch(0, cols), *b = s.ch(1, cols), *c = s.ch(2, cols);
+        std::int16_t *a16 = s.codes(0, cols), *b16 = s.codes(1, cols), *c16 = s.codes(2, cols);
         for (int y = y0; y < y1; ++y) {
-            loadPlanes(planes, y, codes, a, b, c, cols);
-            turnRow(twist, a, b, c, cols);
-            storeCounted(a, b, c, work.ptr<std::int16_t>(y), local, cols);
+            loadPlanes(planes, y, codes, a16, b16, c16, cols);
+            turnCodes(twist, a16, b16, c16, a, b, c, cols);
+            storeCounted(s, work.ptr<std::int16_t>(y), local, cols);
         }
     });
 }
@@ -184,15 +235,16 @@ void kxTurnFirst(std::vector<Mat> const &planes, float const twist[12], Mat &wor
 void kxTurnNext(Mat &work, std::int16_t const *const tables[3], float const back[12],
                 float const next[12], int *counts) {
     int const rows = work.rows, cols = work.cols;
-    countedBands(rows, cols, kCounts, counts, [&](int y0, int y1, int *local) {
+    countedBands(rows, cols, kCounts, kLanes, counts, [&](int y0, int y1, int *local) {
         RowScratch s(cols);
         float *a = s.ch(0, cols), *b = s.ch(1, cols), *c = s.ch(2, cols);
+        std::int16_t *a16 = s.codes(0, cols), *b16 = s.codes(1, cols), *c16 = s.codes(2, cols);
         for (int y = y0; y < y1; ++y) {
             std::int16_t *w = work.ptr<std::int16_t>(y);
-            loadTables(w, tables, a, b, c, cols);
-            turnRow(back, a, b, c, cols);
+            loadTables(w, tables, a16, b16, c16, cols);
+            turnCodes(back, a16, b16, c16, a, b, c, cols);
             turnRow(next, a, b, c, cols);
-            storeCounted(a, b, c, w, local, cols);
+            storeCounted(s, w, local, cols);
         }
     });
 }
@@ -207,9 +259,10 @@ void kxTurnLast(Mat const &work, std::int16_t const *const tables[3], float cons
     parallelBands(rows, std::int64_t(rows) * cols, [&](int y0, int y1) {
         RowScratch s(cols);
         float *a = s.ch(0, cols), *b = s.ch(1, cols), *c = s.ch(2, cols);
+        std::int16_t *a16 = s.codes(0, cols), *b16 = s.codes(1, cols), *c16 = s.codes(2, cols);
         for (int y = y0; y < y1; ++y) {
-            loadTables(work.ptr<std::int16_t>(y), tables, a, b, c, cols);
-            turnRow(back, a, b, c, cols);
+            loadTables(work.ptr<std::int16_t>(y), tables, a16, b16, c16, cols);
+            turnCodes(back, a16, b16, c16, a, b, c, cols);
             std::uint16_t *o0 = out[0].ptr<std::uint16_t>(y), *o1 = out[1].ptr<std::uint16_t>(y),
                           *o2 = out[2].ptr<std::uint16_t>(y);
             for (int x = 0; x < cols; ++x) {

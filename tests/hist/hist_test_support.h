@@ -1,14 +1,9 @@
 // Inputs shared by the histogram and colour transfer tests.
 #pragma once
-
 #include <opencv2/imgproc.hpp>
-#include <string>
-#include <vector>
-
 #include "tests/support/images.h"
 
 namespace kxtest {
-
 // A photograph of data/ at cols x rows as three 16-bit planes (B, G, R, scaled by 257).
 inline std::vector<cv::Mat> photoPlanes(std::string const &name, int cols, int rows) {
     cv::Mat small, wide;
@@ -18,5 +13,4 @@ inline std::vector<cv::Mat> photoPlanes(std::string const &name, int cols, int r
     cv::split(wide, planes);
     return planes;
 }
-
 }  // namespace kxtest
