@@ -15,10 +15,11 @@ char const kAbout[] =
     "spread over the picture's width, and writes the picture as an 8-bit PNG (hist.png by "
     "default). Reads an 8- or 16-bit PNG, TIFF or JPEG; 16 bits are counted at 8.\n"
     "\n"
-    "Each channel is scaled so that the smaller of its highest bin and four times its mean bin "
-    "reaches the top: a tall spike runs off the top instead of flattening the rest, and a "
-    "burnt-out last bin is lowered for the same reason. Where the channels overlap their "
-    "colours mix.\n"
+    "One scale serves the three channels, so that their heights compare: the smaller of a "
+    "channel's highest bin and four times its mean bin, the largest of the three, reaches the "
+    "top. A tall spike runs off the top instead of flattening the rest, and a burnt-out last "
+    "bin is lowered for the same reason. The background is dark grey; where two channels "
+    "overlap they show as yellow, cyan or magenta, and all three as light grey.\n"
     "\n"
     "With no INPUT the sample photograph built into kestrix is used.";
 

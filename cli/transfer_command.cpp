@@ -20,7 +20,7 @@ using Recipe = TransferSettings::Recipe;
 using Planes = std::vector<cv::Mat>;
 
 constexpr int kDefaultRounds = 2, kMostRounds = 10;
-// A saved reference is about 300 kB; anything far larger is not one.
+// A saved reference is a few hundred kB at most; anything far larger is not one.
 constexpr std::size_t kLargestSavedReference = 16u << 20;
 // The histograms' fixed bounds and bin width, in the library's signed 16-bit scale.
 constexpr int kHistLow = -32768, kHistHigh = 32767, kHistStep = 64;
@@ -107,8 +107,9 @@ char const kFooter[] =
     "matches the three turned axes one by one and turns back, so that after twelve rounds the "
     "colours as a whole follow the reference's, not just each channel. Very high peaks (large "
     "areas of one colour) are cut before matching so that they do not take over the curves. "
-    "--save-reference FILE.xml writes the reference's histograms (about 300 kB whatever the "
-    "picture's size) for colour only; a saved reference serves --mode colour only. A damaged "
+    "--save-reference FILE.xml writes the reference's histograms (a few hundred kB at most, "
+    "whatever the picture's size) for colour only; a saved reference serves --mode colour only. A "
+    "damaged "
     "or foreign file given as --reference is refused with one line and nothing is written.\n"
     "\n"
     "Tone: each round matches the histogram of the luminance's fine detail to the reference's "
@@ -119,17 +120,17 @@ char const kFooter[] =
     "edge-aware filter and recombine them, on the R, G and B planes. --recipe chooses the "
     "library's recipe, --sigma-s its filter's reach in pixels and --sigma-r the size of "
     "difference it takes for an edge, a fraction of full scale (see each recipe's default):\n"
-    "  c2 (default): the difference of the two pictures smoothed by the bilateral grid and "
+    "c2 (default): the difference of the two pictures smoothed by the bilateral grid and "
     "added to the picture whose detail is kept; fast. Defaults --sigma-s 16 --sigma-r 0.5.\n"
-    "  c1: both pictures smoothed by the bilateral grid, the base of one with the detail of "
+    "c1: both pictures smoothed by the bilateral grid, the base of one with the detail of "
     "the other. Same defaults.\n"
-    "  proc: both smoothed by adaptive manifolds with settings of their own (no --sigma-s or "
+    "proc: both smoothed by adaptive manifolds with settings of their own (no --sigma-s or "
     "--sigma-r).\n"
-    "  proc1: the same by blocks, with --sigma-s and --sigma-r. proc2: the difference smoothed "
+    "proc1: the same by blocks, with --sigma-s and --sigma-r. proc2: the difference smoothed "
     "by adaptive manifolds along the edges of the picture whose detail is kept. proc6: both "
     "bases by manifolds, block by block, their difference smoothed by the domain transform. "
     "Defaults --sigma-s 25 --sigma-r 0.5.\n"
-    "  proc3: the domain transform in three sweeps of blocks. proc4: the domain transform "
+    "proc3: the domain transform in three sweeps of blocks. proc4: the domain transform "
     "splits the picture that gives the detail, then its detail is added to the other's base. "
     "proc5: the base taken under the edges of the picture that gives the detail. Defaults "
     "--sigma-s 30 --sigma-r 0.25.\n"
