@@ -4,6 +4,11 @@
 // smooth base (a base and detail recipe of the multi-resolution processor). A colour reference
 // may be the reference's histograms saved earlier with --save-reference, so that the reference
 // picture itself need not be kept.
+//
+// Colour, detail and base work on the file's own R, G and B, widened to 16 bits, not on the
+// working image, so that colour keeps its full resolution; tone works on the working image's
+// luminance and keeps its colour planes. Only colour histograms are saved: --save-reference
+// with another mode is a usage error, and so is a saved reference given to another mode.
 #pragma once
 
 #include <string>
