@@ -1,6 +1,7 @@
 #include "kestrix1/hist/rotation_rounds.h"
 
 #include <algorithm>
+#include <memory>
 
 #include "kestrix1/hist/m_hist.h"
 #include "kestrix1/kernels/parallel.h"
@@ -83,26 +84,53 @@ struct RowScratch {
     int *bins(int c, int cols) { return i.data() + std::size_t(c) * cols; }
 };
 
-// body(y0, y1, localCounts) over bands of rows in parallel; each band counts into its own
-// `lanes` sets of nCounts counts, which are then added into `counts` (set to zero first).
-// Runs of equal pixels, common in photographs, make each count wait for the one before;
-// pixels counted in turn into separate lanes do not wait for each other.
-template <class Body>
-void countedBands(int rows, int cols, int nCounts, int lanes, int *counts, Body &&body) {
-    std::fill(counts, counts + nCounts, 0);
-    parallelBands(rows, std::int64_t(rows) * cols, [&](int y0, int y1) {
-        std::vector<int> local(std::size_t(nCounts) * lanes, 0);
-        body(y0, y1, local.data());
-        for (int k = 0; k < nCounts; ++k) {
+// Rows are handed out in runs as threads become free: twelve passes in a row would each wait
+// for a thread that another process holds up, were the rows split evenly beforehand.
+constexpr int kRowRun = 16;
+
+// One thread's scratch for counting passes: a row of work, and `lanes` sets of nCounts
+// counts that are added into the shared counts when the thread is done. The counts are
+// whole numbers, so neither the split of rows nor the order of adding changes the sums.
+class Counter {
+public:
+    Counter(int cols, int nCounts, int lanes, int *shared)
+        : row(cols),
+          local(std::size_t(nCounts) * lanes, 0),
+          n_(nCounts),
+          lanes_(lanes),
+          shared_(shared) {}
+    Counter(Counter const &) = delete;
+    Counter &operator=(Counter const &) = delete;
+    ~Counter() {
+        for (int k = 0; k < n_; ++k) {
             int sum = 0;
-            for (int l = 0; l < lanes; ++l)
-                sum += local[std::size_t(l) * nCounts + k];
+            for (int l = 0; l < lanes_; ++l)
+                sum += local[std::size_t(l) * n_ + k];
             if (sum != 0) {
 #pragma omp atomic
-                counts[k] += sum;
+                shared_[k] += sum;
             }
         }
-    });
+    }
+    RowScratch row;
+    std::vector<int> local;
+
+private:
+    int n_, lanes_;
+    int *shared_;
+};
+
+// body(scratch, y0, y1, localCounts) over runs of rows in parallel, counting into `counts`
+// (set to zero first) through per-thread counts of `lanes` lanes.
+template <class Body>
+void countedRuns(int rows, int cols, int nCounts, int lanes, int *counts, Body &&body) {
+    std::fill(counts, counts + nCounts, 0);
+    parallelChunks(
+        rows, kRowRun, std::int64_t(rows) * cols,
+        [&] { return std::make_unique<Counter>(cols, nCounts, lanes, counts); },
+        [&](std::unique_ptr<Counter> &c, int y0, int y1) {
+            body(c->row, y0, y1, c->local.data());
+        });
 }
 
 template <class T>
@@ -198,55 +226,55 @@ std::uint16_t const *kxUnsignedCodes() {
 void kxCountRotations(std::vector<Mat> const &planes, int *counts) {
     int const rows = planes[0].rows, cols = planes[0].cols;
     std::int16_t const *codes = kxSignedCodes(false);
-    countedBands(rows, cols, kxRotations * kCounts, 1, counts, [&](int y0, int y1, int *local) {
-        RowScratch s(cols);
-        float *a = s.ch(0, cols), *b = s.ch(1, cols), *c = s.ch(2, cols);
-        int *i0 = s.bins(0, cols), *i1 = s.bins(1, cols), *i2 = s.bins(2, cols);
-        for (int y = y0; y < y1; ++y) {
-            loadPlanes(planes, y, codes, a, b, c, cols);
-            for (int r = 0; r < kxRotations; ++r) {
-                int *h = local + r * kCounts;
-                turnBins(&MHist::gR[r][0][0], a, b, c, i0, i1, i2, cols);
-                for (int x = 0; x < cols; ++x) {
-                    ++h[i0[x]];
-                    ++h[i1[x]];
-                    ++h[i2[x]];
-                }
-            }
-        }
-    });
+    countedRuns(rows, cols, kxRotations * kCounts, 1, counts,
+                [&](RowScratch &s, int y0, int y1, int *local) {
+                    float *a = s.ch(0, cols), *b = s.ch(1, cols), *c = s.ch(2, cols);
+                    int *i0 = s.bins(0, cols), *i1 = s.bins(1, cols), *i2 = s.bins(2, cols);
+                    for (int y = y0; y < y1; ++y) {
+                        loadPlanes(planes, y, codes, a, b, c, cols);
+                        for (int r = 0; r < kxRotations; ++r) {
+                            int *h = local + r * kCounts;
+                            turnBins(&MHist::gR[r][0][0], a, b, c, i0, i1, i2, cols);
+                            for (int x = 0; x < cols; ++x) {
+                                ++h[i0[x]];
+                                ++h[i1[x]];
+                                ++h[i2[x]];
+                            }
+                        }
+                    }
+                });
 }
 
 void kxTurnFirst(std::vector<Mat> const &planes, float const twist[12], Mat &work, int *counts) {
     int const rows = planes[0].rows, cols = planes[0].cols;
     std::int16_t const *codes = kxSignedCodes(true);
-    countedBands(rows, cols, kCounts, kLanes, counts, [&](int y0, int y1, int *local) {
-        RowScratch s(cols);
-        float *a = s.ch(0, cols), *b = s.ch(1, cols), *c = s.ch(2, cols);
-        std::int16_t *a16 = s.codes(0, cols), *b16 = s.codes(1, cols), *c16 = s.codes(2, cols);
-        for (int y = y0; y < y1; ++y) {
-            loadPlanes(planes, y, codes, a16, b16, c16, cols);
-            turnCodes(twist, a16, b16, c16, a, b, c, cols);
-            storeCounted(s, work.ptr<std::int16_t>(y), local, cols);
-        }
-    });
+    countedRuns(
+        rows, cols, kCounts, kLanes, counts, [&](RowScratch &s, int y0, int y1, int *local) {
+            float *a = s.ch(0, cols), *b = s.ch(1, cols), *c = s.ch(2, cols);
+            std::int16_t *a16 = s.codes(0, cols), *b16 = s.codes(1, cols), *c16 = s.codes(2, cols);
+            for (int y = y0; y < y1; ++y) {
+                loadPlanes(planes, y, codes, a16, b16, c16, cols);
+                turnCodes(twist, a16, b16, c16, a, b, c, cols);
+                storeCounted(s, work.ptr<std::int16_t>(y), local, cols);
+            }
+        });
 }
 
 void kxTurnNext(Mat &work, std::int16_t const *const tables[3], float const back[12],
                 float const next[12], int *counts) {
     int const rows = work.rows, cols = work.cols;
-    countedBands(rows, cols, kCounts, kLanes, counts, [&](int y0, int y1, int *local) {
-        RowScratch s(cols);
-        float *a = s.ch(0, cols), *b = s.ch(1, cols), *c = s.ch(2, cols);
-        std::int16_t *a16 = s.codes(0, cols), *b16 = s.codes(1, cols), *c16 = s.codes(2, cols);
-        for (int y = y0; y < y1; ++y) {
-            std::int16_t *w = work.ptr<std::int16_t>(y);
-            loadTables(w, tables, a16, b16, c16, cols);
-            turnCodes(back, a16, b16, c16, a, b, c, cols);
-            turnRow(next, a, b, c, cols);
-            storeCounted(s, w, local, cols);
-        }
-    });
+    countedRuns(
+        rows, cols, kCounts, kLanes, counts, [&](RowScratch &s, int y0, int y1, int *local) {
+            float *a = s.ch(0, cols), *b = s.ch(1, cols), *c = s.ch(2, cols);
+            std::int16_t *a16 = s.codes(0, cols), *b16 = s.codes(1, cols), *c16 = s.codes(2, cols);
+            for (int y = y0; y < y1; ++y) {
+                std::int16_t *w = work.ptr<std::int16_t>(y);
+                loadTables(w, tables, a16, b16, c16, cols);
+                turnCodes(back, a16, b16, c16, a, b, c, cols);
+                turnRow(next, a, b, c, cols);
+                storeCounted(s, w, local, cols);
+            }
+        });
 }
 
 void kxTurnLast(Mat const &work, std::int16_t const *const tables[3], float const back[12],
@@ -256,20 +284,22 @@ void kxTurnLast(Mat const &work, std::int16_t const *const tables[3], float cons
     for (Mat &plane : out)
         plane.create(rows, cols, CV_16UC1);
     std::uint16_t const *codes = kxUnsignedCodes() + 32768;
-    parallelBands(rows, std::int64_t(rows) * cols, [&](int y0, int y1) {
-        RowScratch s(cols);
-        float *a = s.ch(0, cols), *b = s.ch(1, cols), *c = s.ch(2, cols);
-        std::int16_t *a16 = s.codes(0, cols), *b16 = s.codes(1, cols), *c16 = s.codes(2, cols);
-        for (int y = y0; y < y1; ++y) {
-            loadTables(work.ptr<std::int16_t>(y), tables, a16, b16, c16, cols);
-            turnCodes(back, a16, b16, c16, a, b, c, cols);
-            std::uint16_t *o0 = out[0].ptr<std::uint16_t>(y), *o1 = out[1].ptr<std::uint16_t>(y),
-                          *o2 = out[2].ptr<std::uint16_t>(y);
-            for (int x = 0; x < cols; ++x) {
-                o0[x] = codes[int(a[x])];
-                o1[x] = codes[int(b[x])];
-                o2[x] = codes[int(c[x])];
+    parallelChunks(
+        rows, kRowRun, std::int64_t(rows) * cols, [&] { return RowScratch(cols); },
+        [&](RowScratch &s, int y0, int y1) {
+            float *a = s.ch(0, cols), *b = s.ch(1, cols), *c = s.ch(2, cols);
+            std::int16_t *a16 = s.codes(0, cols), *b16 = s.codes(1, cols), *c16 = s.codes(2, cols);
+            for (int y = y0; y < y1; ++y) {
+                loadTables(work.ptr<std::int16_t>(y), tables, a16, b16, c16, cols);
+                turnCodes(back, a16, b16, c16, a, b, c, cols);
+                std::uint16_t *o0 = out[0].ptr<std::uint16_t>(y),
+                              *o1 = out[1].ptr<std::uint16_t>(y),
+                              *o2 = out[2].ptr<std::uint16_t>(y);
+                for (int x = 0; x < cols; ++x) {
+                    o0[x] = codes[int(a[x])];
+                    o1[x] = codes[int(b[x])];
+                    o2[x] = codes[int(c[x])];
+                }
             }
-        }
-    });
+        });
 }
