@@ -35,8 +35,9 @@ public:
     // top is left as it is; fewer than two leave out unwritten. Returns true.
     static bool remap(cv::Mat const &in, cv::Mat const &curve, cv::Mat &out);
 
-    // Plots the cumulative histogram into `plot` (the library opens no windows). Changes
-    // nothing else. Returns true.
+    // Plots the cumulative histogram into `plot`, a 512 x 400 CV_8UC3 picture with the curve
+    // in white on black from 0 at the bottom to 1 at the top, for the host to show under
+    // `name` (the library opens no windows). Changes nothing else. Returns true.
     static bool show(std::string const &name, cv::Mat const &cdf);
     static cv::Mat plot;
 };

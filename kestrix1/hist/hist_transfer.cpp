@@ -61,9 +61,9 @@ void HistTransfer::computeHist(cv::Mat &image, int lower, int upper, int **const
 }
 
 void HistTransfer::filterHist(int *bins, int n, float sigma) {
-    float const s = float(double(sigma) * 0.25 * n);
-    int const R = std::min(int(3.0f * s), n);
-    if (R <= 0 || n <= 0) return;
+    float const s = float(double(sigma) * 0.25 * n), r = 3.0f * s;
+    if (n <= 0 || !(r >= 1.0f)) return;  // R = (int)(3 s) is 0 or less, or sigma not a number
+    int const R = r >= float(n) ? n : int(r);
     double const c = 0.5 / (double(s) * double(s));
     // Weights summed serially, so the sum does not depend on the number of threads.
     std::vector<double> g(std::size_t(R) + 1);
@@ -137,8 +137,8 @@ void HistTransfer::transfer1D(int *from, int *to, int fromLower, int fromUpper, 
         double const c = cs[i + 1];
         while (k + 1 < kBins && ct[k + 1] <= c)
             ++k;
-        // ct[k] <= c < ct[k + 1] once k + 1 < kBins stops the walk early; above that the
-        // last interval extrapolates, and the position is kept within the bins.
+        // The walk stops where ct[k] <= c < ct[k + 1], or at the last interval, beyond which
+        // p is extrapolated and then kept within the bins.
         double p = (k - 1) + (c - ct[k]) / (ct[k + 1] - ct[k]);
         p = std::clamp(p, 0.0, double(kBins - 1));
         levels[i + 1] = fromLower + int(std::floor(i * fromStep));
