@@ -82,29 +82,43 @@ void mergeToFloat(cv::Mat const *planes, int firstSlot, cv::Mat &dst) {
     });
 }
 
-// Channel c of a float image (one or more interleaved channels); null reads as 0.
-struct Channel {
-    cv::Mat const *m = nullptr;
-    int c = 0;
-};
-
-// dst = sat16(rint((t1 + (t2 - t3)) 65536 / gain)), the sums in float: the recombination
-// of a base and a detail, and with t2, t3 left out the plain way back to 16 bits.
-void combine(Channel t1, Channel t2, Channel t3, float gain, cv::Mat &dst) {
-    cv::Mat const &m1 = *t1.m;
-    dst.create(m1.size(), CV_16U);
+// dst = sat16(rint((t1 + (t2 - t3)) 65536 / gain)) on CV_32F planes, the sums in float: the
+// recombination of a base and a detail, and with t2, t3 left out the plain way back.
+void combine(cv::Mat const &t1, cv::Mat const *t2, cv::Mat const *t3, float gain, cv::Mat &dst) {
+    dst.create(t1.size(), CV_16U);
     float const back = kOut / gain;
-    parallelRows(m1.rows, workOf(dst) * 3, [&](int y) {
-        auto row = [y](Channel t, int &n) {
-            n = t.m ? t.m->channels() : 0;
-            return t.m ? t.m->ptr<float>(y) + t.c : nullptr;
-        };
-        int n1, n2, n3;
-        float const *r1 = row(t1, n1), *r2 = row(t2, n2), *r3 = row(t3, n3);
+    parallelRows(t1.rows, workOf(t1) * 3, [&](int y) {
+        float const *r1 = t1.ptr<float>(y);
+        float const *r2 = t2 ? t2->ptr<float>(y) : nullptr;
+        float const *r3 = t3 ? t3->ptr<float>(y) : nullptr;
         std::uint16_t *out = dst.ptr<std::uint16_t>(y);
-        for (int x = 0; x < dst.cols; ++x) {
-            float const d = (r2 ? r2[x * n2] : 0.0f) - (r3 ? r3[x * n3] : 0.0f);
-            out[x] = cv::saturate_cast<std::uint16_t>((r1[x * n1] + d) * back);
+        for (int x = 0; x < t1.cols; ++x)
+            out[x] = cv::saturate_cast<std::uint16_t>(
+                (r1[x] + (r2 ? r2[x] - (r3 ? r3[x] : 0.0f) : 0.0f)) * back);
+    });
+}
+
+// The same for the three channels of interleaved CV_32FC3 images into the three 16-bit
+// planes dst[0..2] of their size (the first three slots of a block), in one pass.
+void combine3(cv::Mat const &t1, cv::Mat const *t2, cv::Mat const *t3, cv::Mat *dst) {
+    float const back[3] = {kOut / gainOf(0), kOut / gainOf(1), kOut / gainOf(2)};
+    parallelRows(t1.rows, workOf(t1) * 2, [&](int y) {
+        float const *r1 = t1.ptr<float>(y);
+        float const *r2 = t2 ? t2->ptr<float>(y) : nullptr;
+        float const *r3 = t3 ? t3->ptr<float>(y) : nullptr;
+        for (int c = 0; c < 3; ++c) {
+            std::uint16_t *out = dst[c].ptr<std::uint16_t>(y);
+            float const k = back[c];
+            if (r3)
+                for (int x = 0; x < t1.cols; ++x)
+                    out[x] = cv::saturate_cast<std::uint16_t>(
+                        (r1[3 * x + c] + (r2[3 * x + c] - r3[3 * x + c])) * k);
+            else if (r2)
+                for (int x = 0; x < t1.cols; ++x)
+                    out[x] = cv::saturate_cast<std::uint16_t>((r1[3 * x + c] + r2[3 * x + c]) * k);
+            else
+                for (int x = 0; x < t1.cols; ++x)
+                    out[x] = cv::saturate_cast<std::uint16_t>(r1[3 * x + c] * k);
         }
     });
 }
@@ -225,7 +239,7 @@ bool TMR::proc(Planes const &a, Planes const &b, Planes &out) {
     twoBases(f, 0.5f, 25.0f, aF, A, bF, B);
     if (out.size() < 3) out.resize(3);
     for (int i = 0; i < 3; ++i)
-        combine({&A[i]}, {&bF[i]}, {&B[i]}, gainOf(i), out[i]);
+        combine(A[i], &bF[i], &B[i], gainOf(i), out[i]);
     return true;
 }
 
@@ -239,7 +253,7 @@ bool TMR::proc1(Planes const &a, Planes const &b, Planes &out) {
         floatPlanes(&blk[3], 3, floatB_);
         twoBases(af_, sigmaR, sigmaS, floatA_, baseA_, floatB_, baseB_);
         for (int i = 0; i < 3; ++i)
-            combine({&baseA_[i]}, {&floatB_[i]}, {&baseB_[i]}, gainOf(i), blk[i]);
+            combine(baseA_[i], &floatB_[i], &baseB_[i], gainOf(i), blk[i]);
     });
     finishOut(targets, out);
     releaseWork();
@@ -261,7 +275,7 @@ bool TMR::proc2(Planes const &a, Planes const &b, Planes &out) {
     f.proc(dF, y);
     Planes targets = targetsFor(out, size, {&a});
     for (int i = 0; i < 3; ++i) {
-        combine({&y[i]}, {}, {}, gainOf(3 + i), d[i]);
+        combine(y[i], nullptr, nullptr, gainOf(3 + i), d[i]);
         cv::addWeighted(a[i], 1.0, d[i], 2.0, -65536.0, targets[i]);
     }
     finishOut(targets, out);
@@ -276,8 +290,7 @@ void TMR::sweep3(std::vector<Planes const *> const &groups, Planes const &result
         dt_.proc(floatX_, filtered_, 0);
         cv::Mat const &P = p == 0 ? floatX_ : (mergeToFloat(&blk[p], p, floatP_), floatP_);
         cv::Mat const &Q = q == 0 ? floatX_ : (mergeToFloat(&blk[q], q, floatQ_), floatQ_);
-        for (int i = 0; i < 3; ++i)
-            combine({&filtered_, i}, {&P, i}, {&Q, i}, gainOf(i), blk[i]);
+        combine3(filtered_, &P, &Q, blk.data());
     });
 }
 
@@ -311,8 +324,7 @@ bool TMR::proc4(Planes const &a, Planes const &b, Planes const &c, Planes &out) 
         mergeToFloat(&blk[0], 0, floatX_);
         mergeToFloat(&blk[3], 3, floatQ_);
         dt_.proc(floatX_, floatQ_, floatX_, 0);
-        for (int i = 0; i < 3; ++i)
-            combine({&floatX_, i}, {}, {}, gainOf(i), blk[i]);
+        combine3(floatX_, nullptr, nullptr, blk.data());
     });
     for (int i = 0; i < 3; ++i)
         cv::addWeighted(targets[i], 1.0, c[i], 1.0, -32768.0, targets[i]);
@@ -332,8 +344,7 @@ bool TMR::proc5(Planes const &a, Planes const &b, Planes &out) {
         mergeToFloat(&blk[3], 3, floatQ_);
         dt_.proc(floatX_, floatQ_, floatX_, 0);  // a under the edges of b
         dt_.proc(floatQ_, filtered_, 0);         // b by itself
-        for (int i = 0; i < 3; ++i)
-            combine({&floatX_, i}, {&floatQ_, i}, {&filtered_, i}, gainOf(i), blk[i]);
+        combine3(floatX_, &floatQ_, &filtered_, blk.data());
     });
     finishOut(targets, out);
     releaseWork();
@@ -355,8 +366,7 @@ bool TMR::proc6(Planes const &a, Planes const &b, Planes &out) {
         cv::merge(baseA_, floatX_);
         cv::merge(floatB_, floatQ_);
         dt_.proc(floatX_, floatQ_, floatX_, 0);  // smoothed along the edges of b
-        for (int i = 0; i < 3; ++i)
-            combine({&floatQ_, i}, {&floatX_, i}, {}, gainOf(i), blk[i]);
+        combine3(floatQ_, &floatX_, nullptr, blk.data());
     });
     finishOut(targets, out);
     releaseWork();

@@ -44,11 +44,13 @@ public:
     // that size and type keeps its pixels, so a host may hand in views to be written);
     // further planes are left alone. out may share pixels with the inputs.
     //
-    // Planes enter float as v / 65536 times a gain per plane (six, one per plane of the two
-    // images, all 1.0) and leave as sat16(rint(f 65536 / gain)). A float recombination
-    // "F + (P - Q)" is done per pixel in single precision in that order, then taken back.
-    // The block recipes run through BlockProcessor: 1024 x 1024 blocks, no border, overlap 0
-    // (proc3, proc4, proc5) or 32 (proc1, proc6), blocks rejoined by the linear cross-fade.
+    // Planes enter float as v / 65536 times a gain per plane and leave as sat16(rint(f 65536 /
+    // gain)). The gains are six, all 1.0: a plane takes the gain of its place in the list of
+    // planes a recipe works on (a's three, then b's; a seventh place takes the first again),
+    // a result that of the plane it stands in for. A float recombination "F + (P - Q)" is
+    // done per pixel in single precision in that order, then taken back. The block recipes
+    // run through BlockProcessor: 1024 x 1024 blocks, no border, overlap 0 (proc3, proc4,
+    // proc5) or 32 (proc1, proc6), blocks rejoined by the linear cross-fade.
     // Blocks are filtered without their surroundings, so the result differs from the same
     // chain over the whole plane near block seams (by the filter's reach); away from them it
     // is the same. The recipes with DTFilter run its setup, which sets the process's thread

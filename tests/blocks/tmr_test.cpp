@@ -37,7 +37,7 @@ double maxDiff(Planes const &x, Planes const &y, cv::Rect r = {}) {
 std::vector<int> seen;  // the thousandths reported
 
 TEST(TMR, BilateralRecipesMatchTheirStepsAtAnyThreadCountAndCancel) {
-    cv::Mat const a = photoLike(97, 131, 1)[0], b = photoLike(97, 131, 7)[1];
+    cv::Mat const a = photoLike(131, 257, 1)[0], b = photoLike(131, 257, 7)[1];
     TMR t;
     t.setup(6.0f, 0.25f);
     BilateralFilter bf;
