@@ -272,6 +272,9 @@ int runKestrix(std::vector<Command const *> const &commands, std::vector<std::st
     app.set_help_flag("-h,--help", "this text");
     app.set_version_flag("--version", std::string("kestrix ") + version, "the program's version");
     app.footer("Run 'kestrix COMMAND --help' for the options of a command.");
+    // One command a line: once it is chosen, a word that names another command is an option's
+    // value or an extra (`--mode detail` of kestrix transfer), never a second command.
+    app.require_subcommand(0, 1);
 
     struct Chosen {
         CLI::App *app = nullptr;

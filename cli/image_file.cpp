@@ -22,23 +22,6 @@ std::string quoted(std::string const &path) {
     return "'" + path + "'";
 }
 
-std::vector<unsigned char> readBytes(std::string const &path) {
-    std::FILE *file = std::fopen(path.c_str(), "rb");
-    if (!file) throw FileError("cannot open " + quoted(path) + ": " + std::strerror(errno));
-    std::vector<unsigned char> bytes;
-    unsigned char chunk[65536];
-    std::size_t n = 0;
-    while ((n = std::fread(chunk, 1, sizeof chunk, file)) > 0)
-        bytes.insert(bytes.end(), chunk, chunk + n);
-    int const failed = std::ferror(file);
-    int const error = errno;
-    std::fclose(file);
-    if (failed)
-        throw FileError("cannot read " + quoted(path) + ": " +
-                        std::strerror(error == 0 ? EIO : error));
-    return bytes;
-}
-
 bool startsWith(std::vector<unsigned char> const &bytes, char const *magic, std::size_t n) {
     return bytes.size() >= n && std::memcmp(bytes.data(), magic, n) == 0;
 }
@@ -153,11 +136,28 @@ bool formatFromExtension(std::string const &path, ImageFormat &format) {
     return true;
 }
 
+std::vector<unsigned char> readFile(std::string const &path) {
+    std::FILE *file = std::fopen(path.c_str(), "rb");
+    if (!file) throw FileError("cannot open " + quoted(path) + ": " + std::strerror(errno));
+    std::vector<unsigned char> bytes;
+    unsigned char chunk[65536];
+    std::size_t n = 0;
+    while ((n = std::fread(chunk, 1, sizeof chunk, file)) > 0)
+        bytes.insert(bytes.end(), chunk, chunk + n);
+    int const failed = std::ferror(file);
+    int const error = errno;
+    std::fclose(file);
+    if (failed)
+        throw FileError("cannot read " + quoted(path) + ": " +
+                        std::strerror(error == 0 ? EIO : error));
+    return bytes;
+}
+
 Photo readPhoto(std::string const &path) {
     std::error_code ec;
     if (fs::is_directory(path, ec))
         throw FileError("cannot read " + quoted(path) + ": it is a folder");
-    return decodePhoto(readBytes(path), path);
+    return decodePhoto(readFile(path), path);
 }
 
 Photo decodePhoto(std::vector<unsigned char> const &bytes, std::string const &path) {
@@ -243,6 +243,10 @@ void writePhoto(std::string const &path, Photo const &photo) {
     if (!encoded)
         throw FileError(std::string("cannot encode the result as ") + formatName(photo.format));
 
+    writeFile(path, bytes);
+}
+
+void writeFile(std::string const &path, std::vector<unsigned char> const &bytes) {
     fs::path const target(path);
     fs::path const folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
     TempFile temp;

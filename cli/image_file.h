@@ -30,6 +30,13 @@ struct Photo {
     ImageFormat format = ImageFormat::png;
 };
 
+// The bytes of a file. Throws FileError for a file that is missing or unreadable.
+std::vector<unsigned char> readFile(std::string const &path);
+
+// Puts `bytes` at `path` through a temporary file in the same folder and a rename. Throws
+// FileError; on failure nothing is left behind.
+void writeFile(std::string const &path, std::vector<unsigned char> const &bytes);
+
 // Reads a PNG, TIFF or JPEG, recognised by its first bytes, not its name. Throws FileError
 // for a file that is missing or unreadable, of another format, corrupt, or of a depth other
 // than 8 or 16 bits.

@@ -7,12 +7,15 @@
 #include "cli/color_command.h"
 #include "cli/detail_command.h"
 #include "cli/frame.h"
+#include "cli/hist_command.h"
 #include "cli/local_command.h"
 #include "cli/mask_command.h"
 #include "cli/smooth_command.h"
+#include "cli/transfer_command.h"
 
 int main(int argc, char **argv) {
     std::vector<Command const *> const commands = {&detailCommand, &smoothCommand, &localCommand,
-                                                    &colorCommand, &maskCommand};
+                                                   &colorCommand,  &maskCommand,   &transferCommand,
+                                                   &histCommand};
     return runKestrix(commands, std::vector<std::string>(argv + 1, argv + argc), KESTRIX_VERSION);
 }

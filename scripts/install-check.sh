@@ -138,4 +138,22 @@ header="$(od -An -tu1 -j16 -N10 "$work/mask.png" | tr -s ' ')"
 [ "$header" = " 0 0 2 88 0 0 1 144 8 0" ] ||
   fail "the installed kestrix mask did not write a 600 x 400 8-bit grey PNG (header$header)"
 
+# Colour from a reference picture, its histograms saved and taken back as the reference; the
+# detail of a reference; the histogram picture (512 x 200, 8-bit RGB).
+cp "$root/data/chelsea.png" "$work/ref.png"
+for line in "transfer --reference $work/ref.png --mode colour --save-reference $work/ref.xml" \
+  "transfer --reference $work/ref.xml --mode colour" \
+  "transfer --reference $work/ref.png --mode tone" \
+  "transfer --reference $work/ref.png --mode detail"; do
+  # shellcheck disable=SC2086
+  (cd "$work" && "$prefix/bin/kestrix" $line -q -o "$work/out.png") ||
+    fail "the installed kestrix $line did not run"
+done
+[ -s "$work/ref.xml" ] || fail "the installed kestrix transfer saved no reference"
+(cd "$work" && "$prefix/bin/kestrix" hist -q -o "$work/hist.png") ||
+  fail "the installed kestrix hist did not run"
+header="$(od -An -tu1 -j16 -N10 "$work/hist.png" | tr -s ' ')"
+[ "$header" = " 0 0 2 0 0 0 0 200 8 2" ] ||
+  fail "the installed kestrix hist did not write a 512 x 200 8-bit RGB PNG (header$header)"
+
 echo "install-check: OK"
