@@ -46,6 +46,8 @@ struct RecipeInfo {
     bool firstGivesBase;
     float sigmaS, sigmaR;  // defaults
     float leastSigmaS;     // below this the filter cannot work as designed
+    // The member for the recipes of two lists in and one out; null for the others.
+    bool (TMR::*run)(Planes const &, Planes const &, Planes &);
 };
 
 // Defaults: a base that keeps the main shapes and tones of a photograph of a few megapixels
@@ -53,15 +55,15 @@ struct RecipeInfo {
 // pixels wide and need at least two, and its range is 16384 sigma-r, a quarter of the scale
 // at 1; the manifolds are blurred at a quarter of sigma-s, which must stay at least a pixel.
 RecipeInfo const kRecipes[] = {
-    {Recipe::proc, "proc", Filter::fixed, true, 0, 0, 0},
-    {Recipe::proc1, "proc1", Filter::manifold, true, 25.0f, 0.5f, 4.0f},
-    {Recipe::proc2, "proc2", Filter::manifold, false, 25.0f, 0.5f, 4.0f},
-    {Recipe::proc3, "proc3", Filter::dt, true, 30.0f, 0.25f, 1.0f},
-    {Recipe::proc4, "proc4", Filter::dt, true, 30.0f, 0.25f, 1.0f},
-    {Recipe::proc5, "proc5", Filter::dt, true, 30.0f, 0.25f, 1.0f},
-    {Recipe::proc6, "proc6", Filter::manifold, true, 25.0f, 0.5f, 4.0f},
-    {Recipe::c1, "c1", Filter::bilateral, true, 16.0f, 0.5f, 2.0f},
-    {Recipe::c2, "c2", Filter::bilateral, false, 16.0f, 0.5f, 2.0f},
+    {Recipe::proc, "proc", Filter::fixed, true, 0, 0, 0, &TMR::proc},
+    {Recipe::proc1, "proc1", Filter::manifold, true, 25.0f, 0.5f, 4.0f, &TMR::proc1},
+    {Recipe::proc2, "proc2", Filter::manifold, false, 25.0f, 0.5f, 4.0f, &TMR::proc2},
+    {Recipe::proc3, "proc3", Filter::dt, true, 30.0f, 0.25f, 1.0f, &TMR::proc3},
+    {Recipe::proc4, "proc4", Filter::dt, true, 30.0f, 0.25f, 1.0f, nullptr},
+    {Recipe::proc5, "proc5", Filter::dt, true, 30.0f, 0.25f, 1.0f, &TMR::proc5},
+    {Recipe::proc6, "proc6", Filter::manifold, true, 25.0f, 0.5f, 4.0f, &TMR::proc6},
+    {Recipe::c1, "c1", Filter::bilateral, true, 16.0f, 0.5f, 2.0f, nullptr},
+    {Recipe::c2, "c2", Filter::bilateral, false, 16.0f, 0.5f, 2.0f, nullptr},
 };
 
 constexpr float kMaxSigmaS = 1000.0f;
@@ -272,50 +274,29 @@ Planes runRecipe(TransferSettings const &s, Planes const &base, Planes const &de
     // fixed start makes a run repeat exactly.
     cv::theRNG().state = 0x6b657374u;
     Planes out;
-    switch (s.recipe) {
-        case Recipe::proc:
-            tmr.proc(first, second, out);
-            break;
-        case Recipe::proc1:
-            tmr.proc1(first, second, out);
-            break;
-        case Recipe::proc2:
-            tmr.proc2(first, second, out);
-            break;
-        case Recipe::proc3:
-            tmr.proc3(first, second, out);
-            break;
-        case Recipe::proc4: {
-            // The recipe filters its first list under the edges of its second and adds the
-            // third, a detail list centred on mid-grey: that of `detail`, found by the same
-            // recipe with nothing to add (its own base subtracted).
-            Planes const neutral(detail.size(),
-                                 cv::Mat(detail[0].size(), CV_16UC1, cv::Scalar(32768)));
-            Planes detailBase, detailPlanes(detail.size());
-            tmr.proc4(detail, detail, neutral, detailBase);
-            for (std::size_t i = 0; i < detail.size(); ++i)
-                cv::addWeighted(detail[i], 1.0, detailBase[i], -1.0, 32768.0, detailPlanes[i],
-                                CV_16U);
-            tmr.proc4(base, base, detailPlanes, out);
-            break;
-        }
-        case Recipe::proc5:
-            tmr.proc5(first, second, out);
-            break;
-        case Recipe::proc6:
-            tmr.proc6(first, second, out);
-            break;
-        case Recipe::c1:
-        case Recipe::c2:
-            // Plane by plane, in place in a copy of the first.
-            for (std::size_t i = 0; i < first.size(); ++i) {
-                out.push_back(first[i].clone());
-                progress.start(1.0f / 3.0f);
-                bool const done = s.recipe == Recipe::c1 ? tmr.procC1(out[i], second[i], &progress)
-                                                         : tmr.procC2(out[i], second[i]);
-                if (!done || !progress.end()) throw FileError("cancelled");
-            }
-            break;
+    if (info.run) {
+        (tmr.*info.run)(first, second, out);
+        return out;
+    }
+    if (s.recipe == Recipe::proc4) {
+        // The recipe filters its first list under the edges of its second and adds the third,
+        // a detail list centred on mid-grey: that of `detail`, found by the same recipe with
+        // nothing to add (its own base subtracted).
+        Planes const neutral(detail.size(), cv::Mat(detail[0].size(), CV_16UC1, cv::Scalar(32768)));
+        Planes detailBase, detailPlanes(detail.size());
+        tmr.proc4(detail, detail, neutral, detailBase);
+        for (std::size_t i = 0; i < detail.size(); ++i)
+            cv::addWeighted(detail[i], 1.0, detailBase[i], -1.0, 32768.0, detailPlanes[i], CV_16U);
+        tmr.proc4(base, base, detailPlanes, out);
+        return out;
+    }
+    // c1 and c2: plane by plane, in place in a copy of the first.
+    for (std::size_t i = 0; i < first.size(); ++i) {
+        out.push_back(first[i].clone());
+        progress.start(1.0f / 3.0f);
+        bool const done = s.recipe == Recipe::c1 ? tmr.procC1(out[i], second[i], &progress)
+                                                 : tmr.procC2(out[i], second[i]);
+        if (!done || !progress.end()) throw FileError("cancelled");
     }
     return out;
 }

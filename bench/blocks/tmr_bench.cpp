@@ -11,6 +11,7 @@
 #include <memory>
 #include <opencv2/imgproc.hpp>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "bench/support/bench.h"
@@ -129,26 +130,25 @@ void addRecipe(
         bytes);
 }
 
+// A recipe of two lists in and one out, as addRecipe takes it.
+using TwoListRecipe = bool (TMR::*)(Planes const &, Planes const &, Planes &);
+std::function<void(TMR &, Planes const &, Planes const &, Planes const &, Planes &)> plain(
+    TwoListRecipe recipe) {
+    return [recipe](TMR &t, Planes const &x, Planes const &y, Planes const &, Planes &o) {
+        (t.*recipe)(x, y, o);
+    };
+}
+
 int const registered = [] {
     Planes const a = photoPlanes(inputs().y16.size()), b = mirrored(a);
-    addRecipe(
-        "TMR_proc3",
-        [](TMR &t, Planes const &x, Planes const &y, Planes const &, Planes &o) {
-            t.proc3(x, y, o);
-        },
-        a, b);
+    addRecipe("TMR_proc3", plain(&TMR::proc3), a, b);
     addRecipe(
         "TMR_proc4",
         [](TMR &t, Planes const &x, Planes const &y, Planes const &c, Planes &o) {
             t.proc4(x, y, c, o);
         },
         a, b);
-    addRecipe(
-        "TMR_proc5",
-        [](TMR &t, Planes const &x, Planes const &y, Planes const &, Planes &o) {
-            t.proc5(x, y, o);
-        },
-        a, b);
+    addRecipe("TMR_proc5", plain(&TMR::proc5), a, b);
     std::int64_t const bytes = std::int64_t(a[0].total()) * 2 * 9;
     auto whole = [&](char const *name, std::function<void(Whole &)> run) {
         add(
@@ -168,30 +168,12 @@ int const registered = [] {
     for (bool full : {false, true}) {
         Planes const &x = full ? a : s, &y = full ? b : m;
         std::string const size = full ? "_24MP" : "_6MP";
-        addRecipe(
-            "TMR_proc" + size,
-            [](TMR &t, Planes const &p, Planes const &q, Planes const &, Planes &o) {
-                t.proc(p, q, o);
-            },
-            x, y);
-        addRecipe(
-            "TMR_proc1" + size,
-            [](TMR &t, Planes const &p, Planes const &q, Planes const &, Planes &o) {
-                t.proc1(p, q, o);
-            },
-            x, y);
-        addRecipe(
-            "TMR_proc2" + size,
-            [](TMR &t, Planes const &p, Planes const &q, Planes const &, Planes &o) {
-                t.proc2(p, q, o);
-            },
-            x, y);
-        addRecipe(
-            "TMR_proc6" + size,
-            [](TMR &t, Planes const &p, Planes const &q, Planes const &, Planes &o) {
-                t.proc6(p, q, o);
-            },
-            x, y);
+        std::pair<char const *, TwoListRecipe> const recipes[] = {{"TMR_proc", &TMR::proc},
+                                                                  {"TMR_proc1", &TMR::proc1},
+                                                                  {"TMR_proc2", &TMR::proc2},
+                                                                  {"TMR_proc6", &TMR::proc6}};
+        for (auto const &[name, recipe] : recipes)
+            addRecipe(name + size, plain(recipe), x, y);
     }
 
     cv::Mat const y = a[0], yb = b[0];
