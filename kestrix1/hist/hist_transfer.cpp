@@ -5,40 +5,13 @@
 #include <cstdint>
 #include <vector>
 
+#include "kestrix1/hist/bin_smoothing.h"
 #include "kestrix1/kernels/parallel.h"
 #include "kestrix1/kernels/px_point.h"
 #include "kestrix1/kernels/px_stats.h"
 
 namespace {
-
 constexpr int kBins = 256;
-
-// The 1/4, 1/2, 1/4 pass over one channel's bins, on the old values; the last bin is made
-// from the new value of the bin before it.
-void smoothOnce(int *h) {
-    int old[kBins];
-    std::copy(h, h + kBins, old);
-    h[0] = int(float(old[0] + old[1]) * 0.5f);
-    for (int i = 1; i < kBins - 1; ++i)
-        h[i] = int(float(old[i - 1] + old[i + 1]) * 0.25f + float(old[i]) * 0.5f);
-    h[kBins - 1] = int(float(h[kBins - 2] + old[kBins - 1]) * 0.5f);
-}
-
-// Cumulative shares of 256 bins: c[0] = 0, c[i + 1] = c[i] + bins[i], over the total, plus the
-// ramp of 0.001 / 256 a step that makes them strictly rising (c[256] = 1.001). Bins that
-// hold nothing count as flat, so no division by a zero total.
-void cumulate(std::vector<double> const &bins, double *c) {
-    double total = 0.0;
-    for (double v : bins)
-        total += v;
-    c[0] = 0.0;
-    for (int i = 0; i < kBins; ++i)
-        c[i + 1] = c[i] + (total > 0.0 ? bins[i] : 1.0);
-    double const sum = total > 0.0 ? total : double(kBins);
-    for (int i = 0; i <= kBins; ++i)
-        c[i] = c[i] / sum + i * (0.001 / kBins);
-}
-
 }  // namespace
 
 int HistTransfer::numBins() {
@@ -57,45 +30,21 @@ void HistTransfer::computeHist(cv::Mat &image, int lower, int upper, int **const
         pxHistogramEven(image.ptr<std::int16_t>(), step, size, hist, nLevels, lo, hi);
     else
         return;
-    parallelRows(3, [&](int c) { smoothOnce(hist[c]); });
+    parallelRows(3, [&](int c) {
+        int counts[kBins];
+        std::copy(hist[c], hist[c] + kBins, counts);
+        kxSmoothBins3(counts, hist[c], kBins);
+    });
 }
 
 void HistTransfer::filterHist(int *bins, int n, float sigma) {
     float const s = float(double(sigma) * 0.25 * n), r = 3.0f * s;
     if (n <= 0 || !(r >= 1.0f)) return;  // R = (int)(3 s) is 0 or less, or sigma not a number
-    int const R = r >= float(n) ? n : int(r);
-    double const c = 0.5 / (double(s) * double(s));
-    // Weights summed serially, so the sum does not depend on the number of threads.
-    std::vector<double> g(std::size_t(R) + 1);
-    double sum = 1.0;
-    for (int i = 1; i <= R; ++i) {
-        g[i] = std::exp(-double(i) * i * c);
-        sum += 2.0 * g[i];
-    }
-    for (int i = 1; i <= R; ++i)
-        g[i] /= sum;
-    // Mirrored, plain, mirrored: buffer[n - 1 - k] = buffer[n + k] = bins[k], so each end
-    // reflects about its outer edge and no count is lost.
-    std::vector<double> buffer(3 * std::size_t(n));
-    for (int k = 0; k < n; ++k)
-        buffer[n - 1 - k] = buffer[n + k] = buffer[3 * n - 1 - k] = bins[k];
-    double const *mid = buffer.data() + n;
-    parallelRows(n, std::int64_t(n) * R, [&](int b) {
-        double v = mid[b] / sum;
-        for (int i = 1; i <= R; ++i)
-            v += g[i] * (mid[b - i] + mid[b + i]);
-        bins[b] = int(v);
-    });
+    kxGaussianBins(bins, n, s, r >= float(n) ? n : int(r));
 }
 
 int HistTransfer::clipLevel(float x, float level, float share) {
-    if (x < 0.05f) {
-        float const f = 1.0f - x / 0.05f;
-        return int((1.0f - f) * share * level + level * f);
-    }
-    float f = 1.0f - (x - 0.05f) / 0.95f;
-    f = f * f * f;
-    return int((1.0f - f) * level * 1.5f * 0.00390625f + f * share * level);
+    return kxClipLevel(x, level, share, 0.00390625f);
 }
 
 void HistTransfer::transfer1D(int *from, int *to, int fromLower, int fromUpper, short *table,
@@ -112,7 +61,6 @@ void HistTransfer::transfer1D(int *from, int *to, int fromLower, int fromUpper, 
     double share = 1.0;
     for (int k = 0; k < 2; ++k)
         if (total[k] > 0) share = std::min(share, peak[k] / total[k]);
-    std::vector<double> bins[2];
     double cum[2][kBins + 1];
     for (int k = 0; k < 2; ++k) {
         int const cap = total[k] > 0 ? clipLevel(0.2f, float(total[k]), float(share)) : 0;
@@ -120,8 +68,7 @@ void HistTransfer::transfer1D(int *from, int *to, int fromLower, int fromUpper, 
         for (int &v : clipped)
             v = std::min(v, cap);
         if (sigma > 0.01f) filterHist(clipped.data(), kBins, sigma);
-        bins[k].assign(clipped.begin(), clipped.end());
-        cumulate(bins[k], cum[k]);
+        kxCumulateBins(clipped.data(), kBins, cum[k], 0);
     }
     double const *cs = cum[0], *ct = cum[1];
     // Bin i's pixels are taken to sit at its lower level, so the share at or below level i

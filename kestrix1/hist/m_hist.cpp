@@ -6,6 +6,7 @@
 #include <cstring>
 #include <opencv2/imgproc.hpp>
 
+#include "kestrix1/hist/bin_smoothing.h"
 #include "kestrix1/hist/rotation_rounds.h"
 #include "kestrix1/kernels/parallel.h"
 #include "kestrix1/kernels/px_stats.h"
@@ -64,16 +65,6 @@ namespace {
 
 constexpr int kBins = kxHistBins;
 constexpr int kRows = kxRotations;
-constexpr double kRamp = 9.765625e-07;  // 0.001 / 1024
-
-// The truncation of v towards zero, held inside the range of int (NaN gives 0): counts and
-// clip values read from a damaged text must not make the conversion undefined.
-int truncInt(double v) {
-    if (!(v == v)) return 0;
-    if (v >= 2147483647.0) return 2147483647;
-    if (v <= -2147483648.0) return -2147483647 - 1;
-    return int(v);
-}
 
 // Makes m a continuous rows x cols matrix of `type` that no other object shares, keeping its
 // contents when it already had that shape: a copy of an MHist shares its matrices, and
@@ -84,15 +75,6 @@ void ownMat(Mat &m, int rows, int cols, int type) {
     Mat fresh(rows, cols, type, cv::Scalar::all(0));
     if (fits) m.copyTo(fresh);
     m = fresh;
-}
-
-// One channel's 1024 counts smoothed by 1/4, 1/2, 1/4 in float, truncated. The last bin is
-// averaged with the new value before it, as histograms kept by hosts were made.
-void smoothCounts(int const *h, int *out) {
-    out[0] = int((float(h[0]) + float(h[1])) * 0.5f);
-    for (int i = 1; i < kBins - 1; ++i)
-        out[i] = int((float(h[i - 1]) + float(h[i + 1])) * 0.25f + float(h[i]) * 0.5f);
-    out[kBins - 1] = int((float(out[kBins - 2]) + float(h[kBins - 1])) * 0.5f);
 }
 
 bool isSpace(char c) {
@@ -300,7 +282,8 @@ void kxStoreCounts(MHist &h, int row, int const *counts, double pixels) {
     ownMat(h.MinVal, kRows, 1, CV_32SC3);
     ownMat(h.Step, kRows, 1, CV_32SC3);
     int *dst = h.Hist.ptr<int>(row);
-    parallelRows(3, 3 * kBins, [&](int c) { smoothCounts(counts + c * kBins, dst + c * kBins); });
+    parallelRows(3, 3 * kBins,
+                 [&](int c) { kxSmoothBins3(counts + c * kBins, dst + c * kBins, kBins); });
     int const highest = *std::max_element(dst, dst + 3 * kBins);
     h.MaxVal.at<cv::Vec3i>(row) = cv::Vec3i::all(32767);
     h.MinVal.at<cv::Vec3i>(row) = cv::Vec3i::all(-32768);
@@ -364,43 +347,14 @@ bool MHist::computeComp(Mat &image) {
 }
 
 int MHist::clipLevel(float ratio, float level, float share) {
-    if (ratio < 0.05f) {
-        float const f = 1.0f - ratio / 0.05f;
-        return int((1.0f - f) * share * level + level * f);
-    }
-    float f = 1.0f - (ratio - 0.05f) / 0.95f;
-    f = f * f * f;
-    return int((1.0f - f) * level * 1.5f * 0.0009765625f + f * share * level);
+    return kxClipLevel(ratio, level, share, 0.0009765625f);
 }
 
 bool MHist::filterHist(int *bins, float sigma) {
     float const s = sigma * 256.0f;
     if (!(s > 0.0f)) return true;
     int const R = 3.0f * s >= float(kBins) ? kBins : int(3.0f * s);
-    if (R <= 0) return true;
-    double const c = 0.5 / (double(s) * s);
-    std::vector<double> g(R + 1);
-    double sum = 0.0;
-    for (int i = 1; i <= R; ++i) {
-        g[i] = std::exp(-double(i) * i * c);
-        sum += g[i];
-    }
-    sum = 1.0 + 2.0 * sum;
-    for (int i = 1; i <= R; ++i)
-        g[i] /= sum;
-    std::vector<double> buffer(3 * kBins);  // mirrored, plain, mirrored
-    for (int b = 0; b < kBins; ++b) {
-        buffer[kBins - 1 - b] = bins[b];
-        buffer[kBins + b] = bins[b];
-        buffer[3 * kBins - 1 - b] = bins[b];
-    }
-    double const *mid = buffer.data() + kBins;
-    parallelRows(kBins, std::int64_t(kBins) * R, [&](int b) {
-        double v = mid[b] / sum;
-        for (int i = 1; i <= R; ++i)
-            v += g[i] * (mid[b - i] + mid[b + i]);
-        bins[b] = truncInt(v);
-    });
+    if (R > 0) kxGaussianBins(bins, kBins, s, R);
     return true;
 }
 
@@ -411,20 +365,11 @@ bool MHist::transfer1D(MHist const &target, int *ys, int *xs, float sigma, int r
     double cum[2][kBins + 2];
     for (int k = 0; k < 2; ++k) {
         int const *h = owners[k]->Hist.ptr<int>(row) + channel * kBins;
-        int const clip = truncInt(owners[k]->clipValue);
+        int const clip = kxTruncInt(owners[k]->clipValue);
         for (int b = 0; b < kBins; ++b)
             bins[k][b] = std::min(h[b], clip);
         if (sigma > 0.01f) filterHist(bins[k], sigma);
-        double *C = cum[k];
-        C[0] = 0.0;
-        for (int b = 0; b < kBins; ++b)
-            C[b + 1] = C[b] + bins[k][b];
-        double const total = C[kBins];
-        for (int i = 0; i <= kBins; ++i)  // nothing left counts as flat
-            C[i] = total > 0.0 ? C[i] / total : double(i) / kBins;
-        C[kBins + 1] = C[kBins];
-        for (int i = 0; i <= kBins + 1; ++i)
-            C[i] += i * kRamp;
+        kxCumulateBins(bins[k], kBins, cum[k], 1);
     }
     // Position of each of this object's cumulative values among the target's, C[i] standing
     // at bin i - 1: equal histograms give back the bin itself.
@@ -442,7 +387,7 @@ bool MHist::transfer1D(MHist const &target, int *ys, int *xs, float sigma, int r
         double p = (k - 1) + (span > 0.0 ? (v - theirs[k]) / span : 0.0);
         p = std::min(std::max(p, -1.0), double(kBins));
         xs[i] = (i - 1) * step0[channel] + min0[channel];
-        ys[i] = truncInt(min1[channel] + double(step1[channel]) * p);
+        ys[i] = kxTruncInt(min1[channel] + double(step1[channel]) * p);
     }
     xs[kBins + 1] = MaxVal.at<cv::Vec3i>(row)[channel];
     ys[kBins + 1] = target.MaxVal.at<cv::Vec3i>(row)[channel];
