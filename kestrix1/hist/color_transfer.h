@@ -4,8 +4,8 @@
 // turned by each of MHist's twelve rotations in turn, each of the three turned axes is matched
 // to the reference's histogram on its own by a 1026-point piecewise-linear curve, and the
 // cube is turned back. Only the reference's MHist is needed, so a host may keep it as text.
-// Earlier builds also allocated a 65536-entry 16-bit table per rotation and channel that
-// nothing filled or read; those are not kept.
+// The curves are the whole state kept per rotation and channel: 2 x 1026 ints each, no
+// 65536-entry table.
 #pragma once
 
 #include <opencv2/core.hpp>
