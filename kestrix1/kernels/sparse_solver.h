@@ -1,0 +1,20 @@
+// Direct solve of sparse symmetric positive definite systems, for the weighted least squares
+// smoother. Internal.
+//
+// The matrix comes as its upper triangle in compressed rows with 1-based indices and float
+// values, explicit zeros allowed; it is factored by a supernodal Cholesky in double precision
+// (CHOLMOD) and the solution is written over the right-hand side in float. The symbolic
+// analysis depends only on the pattern, so it is kept and reused while the pattern stays the
+// same; a pattern with the bands of a w x h image grid is ordered by nested dissection along
+// the grid's rows and columns.
+#pragma once
+
+// Solves A x = b for one right-hand side (nrhs 1) of a real symmetric positive definite matrix
+// (mtype 2) of n rows: a, ia (n + 1 row starts), ja as above. b receives the solution; x is
+// scratch of n floats. Returns 0, or 1 when memory ran out (b then holds no solution).
+// Throws "pardisoSolverIC - 11" when the analysis fails and "pardisoSolverIC - 22" when the
+// factorisation or the solve fails (a matrix that is not positive definite).
+int pardisoSolverIC(int n, float *a, int *ia, int *ja, float *b, float *x, int nrhs, int mtype);
+
+// How many symbolic analyses this process has run, for tests of the reuse.
+long kxSparseAnalyses();
