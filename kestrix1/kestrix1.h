@@ -27,6 +27,7 @@
 #include "kestrix1/effects/t_details3.h"
 #include "kestrix1/filters/a_filter.h"
 #include "kestrix1/filters/bilateral_filter.h"
+#include "kestrix1/filters/conv_pyr.h"
 #include "kestrix1/filters/dt_filter.h"
 #include "kestrix1/filters/guided.h"
 #include "kestrix1/filters/local_filter.h"
