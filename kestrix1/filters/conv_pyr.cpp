@@ -13,8 +13,12 @@ namespace {
 
 // Rows of output per band. A band filters its rows plus the kernel's reach above and below
 // again, so bands are tall enough for that to be a few percent, and short enough that a
-// band's scratch stays in the cache between the filter and its consumer.
+// band's scratch is still in the cache when the next step reads it.
 constexpr int kBandRows = 64;
+
+// Levels below this many pixels run on the calling thread: the small levels of a pyramid
+// together cost less than waking the team for each of them, above all on a busy machine.
+constexpr std::int64_t kMinParallelPixels = 1 << 16;
 
 // The one filter of the pyramid: the same kernel along rows and columns, centred, no delta,
 // zeros outside (a view sees its parent's pixels there, as OpenCV does for any view).
@@ -32,7 +36,8 @@ bool overlaps(cv::Mat const &a, cv::Mat const &b) {
 }
 
 std::int64_t workOf(cv::Mat const &plane, cv::Mat const &k) {
-    return std::int64_t(plane.total()) * std::int64_t(k.total());
+    std::int64_t const pixels = std::int64_t(plane.total());
+    return pixels < kMinParallelPixels ? 0 : pixels * std::int64_t(k.total());
 }
 
 }  // namespace

@@ -97,7 +97,7 @@ INSTANTIATE_TEST_SUITE_P(Sizes, ConvPyrPlanes,
                                          Case{1, 9, 1, false, false}, Case{9, 1, 0, true, false},
                                          Case{3, 1, 1, false, true}, Case{2, 1023, 1, true, false},
                                          Case{1, 1024, 0, false, false},
-                                         Case{301, 203, 1, true, false},
+                                         Case{301, 229, 1, true, false},
                                          Case{300, 131, 0, false, true}),
                          [](testing::TestParamInfo<Case> const &i) {
                              Case const c = i.param;
