@@ -18,7 +18,7 @@ constexpr int kBandRows = 64;
 
 // Levels below this many pixels run on the calling thread: the small levels of a pyramid
 // together cost less than waking the team for each of them, above all on a busy machine.
-constexpr std::int64_t kMinParallelPixels = 1 << 16;
+constexpr std::int64_t kMinParallelPixels = 1 << 20;
 
 // The one filter of the pyramid: the same kernel along rows and columns, centred, no delta,
 // zeros outside (a view sees its parent's pixels there, as OpenCV does for any view).
