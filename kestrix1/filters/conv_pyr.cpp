@@ -68,8 +68,11 @@ bool ConvPyr::proc(cv::Mat const &in, cv::Mat &out) {
     for (int i = 1; i < levels; ++i)
         pyrDown(down[i - 1], down[i]);
     filter(down[levels - 1], up[levels - 1], kernelLevel);
-    for (int i = levels - 2; i >= 1; --i)
+    for (int i = levels - 2; i >= 1; --i) {
         pyrUp(up[i + 1], down[i], up[i]);
+        up[i + 1].release();  // a level is let go as soon as the next finer one is made
+        down[i].release();
+    }
     // The finest level goes straight into out, unless out holds pixels that it still reads.
     if (levels == 1 || overlaps(in, out)) {
         if (levels > 1) pyrUp(up[1], in, up[0]);

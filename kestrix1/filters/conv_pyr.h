@@ -12,8 +12,8 @@
 //
 // Every filter is cv::sepFilter2D(src, dst, CV_32F, k, k, Point(-1, -1), 0.0, 0) with the same
 // one-dimensional kernel k for rows and columns: centred (tap size / 2), no offset, and a
-// constant border of zeros. That a source is a view into a larger matrix is seen by
-// OpenCV as usual: pixels of the parent next to the view stand in for the border.
+// constant border of zeros. When in is a view into a larger matrix, OpenCV reads the
+// parent's pixels next to the view in place of that border, as it does for any view.
 //
 // Choices of this implementation:
 // - Arguments are checked on entry (proc only): the input must be CV_32FC1 and each kernel a
@@ -22,7 +22,10 @@
 //   another. The filters run in bands of rows on the library's threads, each band seeing the
 //   rows around it, and pyrDown keeps only the even rows of each band, so no full-size plane
 //   is made for the zero-filled or filtered intermediates.
-// - The pyramids are local to proc: one object may serve several threads at once.
+// - The pyramids are local to proc: one object may serve several threads at once. A level is
+//   freed as soon as the next finer one is made, so that besides in and out proc holds at
+//   most about 0.6 of a plane, one band of scratch per thread, and a whole plane more when
+//   out shares pixels with in.
 #pragma once
 
 #include <opencv2/core.hpp>
