@@ -17,10 +17,10 @@ namespace {
 
 using K = std::vector<cv::Mat>;
 auto const col = [](std::vector<float> taps) { return cv::Mat(taps, true); };
-// Down, up and level kernels: a symmetric 5-tap column, a 6-tap column and a 3-tap row, so
+// Down, up and level kernels: a symmetric 5-tap column, a 5-tap column and a 4-tap row, so
 // that anchors and reaches show.
-K const k = {col({.05f, .25f, .4f, .25f, .05f}), col({.3f, .1f, .7f, .9f, .2f, .15f}),
-             col({.6f, .3f, -.1f}).t()};
+K const k = {col({.05f, .25f, .4f, .25f, .05f}), col({.3f, .1f, .7f, .9f, .2f}),
+             col({.6f, .3f, -.1f, .2f}).t()};
 
 cv::Mat f(cv::Mat const &src, int i, cv::Mat dst = {}) {
     cv::sepFilter2D(src, dst, CV_32F, k[i], k[i], cv::Point(-1, -1), 0.0, 0);
