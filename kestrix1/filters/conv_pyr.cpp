@@ -22,6 +22,11 @@ constexpr std::int64_t kMinParallelPixels = 1 << 20;
 
 // The one filter of the pyramid: the same kernel along rows and columns, centred, no delta,
 // zeros outside (a view sees its parent's pixels there, as OpenCV does for any view).
+//
+// Filtering a band of rows gives those rows of the whole-plane filter bit for bit: OpenCV
+// computes each output row from the rows within the kernel's reach in the same order whatever
+// band it is given, and a band that is a view reads its parent's rows above and below as the
+// whole plane would. Only rows past the parent's ends are the border.
 void filter(cv::Mat const &src, cv::Mat &dst, cv::Mat const &k) {
     cv::sepFilter2D(src, dst, CV_32F, k, k, cv::Point(-1, -1), 0.0, cv::BORDER_CONSTANT);
 }

@@ -1,5 +1,4 @@
-// ConvPyr against the same cv::sepFilter2D calls made here on whole planes, exactly, at 1, 2
-// and 4 threads, on views amid other pixels (which stand in for the border), in place or not.
+// ConvPyr against the same cv::sepFilter2D calls on whole planes: views, in place, 1 to 4 threads.
 #include "kestrix1/filters/conv_pyr.h"
 
 #include <gtest/gtest.h>
@@ -17,8 +16,7 @@ namespace {
 
 using K = std::vector<cv::Mat>;
 auto const col = [](std::vector<float> taps) { return cv::Mat(taps, true); };
-// Down, up and level kernels: a symmetric 5-tap column, a 5-tap column and a 4-tap row, so
-// that anchors and reaches show.
+// Down, up, level: a symmetric 5-tap column, a 5-tap column, a 4-tap row (anchors, reaches).
 K const k = {col({.05f, .25f, .4f, .25f, .05f}), col({.3f, .1f, .7f, .9f, .2f}),
              col({.6f, .3f, -.1f, .2f}).t()};
 
@@ -32,7 +30,6 @@ cv::Mat evens(cv::Mat const &m) {
     return cv::Mat((m.rows + 1) / 2, (m.cols + 1) / 2, CV_32FC2, m.data, 2 * m.step);
 }
 
-// The pyramid of `levels` levels from `in` down, written plainly.
 cv::Mat plain(cv::Mat const &in, int levels) {
     if (levels == 1) return f(in, 2);
     cv::Mat coarse, z(in.size(), CV_32F, cv::Scalar(0)), zEven = evens(z);
