@@ -23,6 +23,10 @@ int pardisoSolverIC(int n, float *a, int *ia, int *ja, float *b, float *x, int n
 // How many symbolic analyses this process has run, for tests of the reuse.
 long kxSparseAnalyses();
 
+// The nonzeros of the factor and the floating-point operations of its factorisation, as the
+// last analysis counted them, for benchmarks.
+void kxSparseLastAnalysis(double &factorNonZeros, double &flops);
+
 // Drops the kept analysis, so that the next solve analyses its pattern anew (benchmarks of a
 // first call).
 void kxSparseForget();
