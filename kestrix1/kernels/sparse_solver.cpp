@@ -14,52 +14,42 @@ namespace {
 using Long = SuiteSparse_long;
 
 // Fill-reducing order of the unknowns of a w x h grid with the 5-point stencil (pixel
-// y * w + x), maybe with links from each row's end to the next row's start: nested dissection along
-// the grid's rows and columns. A rectangle is cut by one line across its longer side; the two
-// halves come first and the line last, so eliminating either half never touches the other. Small or
-// thin rectangles are ordered straight, the short side running fastest, which keeps their band as
+// y * w + x) and links from each row's end to the next row's start (the pattern of the
+// smoothing matrix with its explicit zeros): nested dissection along the grid's rows and
+// columns. A rectangle is cut by one line across its longer side; the two halves come first
+// and the line last, so eliminating either half never touches the other. Small or thin
+// rectangles are ordered straight, the short side running fastest, which keeps their band as
 // narrow as the short side.
 class GridDissection {
 public:
-    GridDissection(int w, int h, bool rowLinks, Long *perm, Long *sets)
-        : w_(w), rowLinks_(rowLinks), perm_(perm), sets_(sets) {
-        cut(0, 0, w, h, 1);
-        // Deeper separators first: set numbers count up from the leaves (0) to the root.
-        for (Long i = 0; i < Long(w) * h; ++i)
-            if (sets_[i] > 0) sets_[i] = deepest_ + 1 - sets_[i];
-    }
+    GridDissection(int w, int h, Long *perm) : w_(w), perm_(perm) { cut(0, 0, w, h); }
 
 private:
-    void cut(int x0, int y0, int cw, int ch, int depth) {
+    void cut(int x0, int y0, int cw, int ch) {
         if (cw <= 0 || ch <= 0) return;
         if (std::min(cw, ch) <= kThin || Long(cw) * ch <= kLeaf) {
-            straight(x0, y0, cw, ch, 0);
+            straight(x0, y0, cw, ch);
             return;
         }
-        deepest_ = std::max(deepest_, depth);
         if (cw >= ch) {
-            // Across the whole width, with entries that link each image row's end to the next
-            // row's start, the last column joins the separator, else the halves would stay
-            // connected through those links.
-            bool const wraps = rowLinks_ && cw == w_;
+            // Across the whole width the last column joins the separator, else the halves
+            // would stay connected through the links between image rows.
+            bool const wraps = cw == w_;
             int const s = cw / 2;
-            cut(x0, y0, s, ch, depth + 1);
-            cut(x0 + s + 1, y0, cw - s - 1 - wraps, ch, depth + 1);
-            straight(x0 + s, y0, 1, ch, depth);
-            if (wraps) straight(x0 + cw - 1, y0, 1, ch, depth);
+            cut(x0, y0, s, ch);
+            cut(x0 + s + 1, y0, cw - s - 1 - wraps, ch);
+            straight(x0 + s, y0, 1, ch);
+            if (wraps) straight(x0 + cw - 1, y0, 1, ch);
         } else {
             int const s = ch / 2;
-            cut(x0, y0, cw, s, depth + 1);
-            cut(x0, y0 + s + 1, cw, ch - s - 1, depth + 1);
-            straight(x0, y0 + s, cw, 1, depth);
+            cut(x0, y0, cw, s);
+            cut(x0, y0 + s + 1, cw, ch - s - 1);
+            straight(x0, y0 + s, cw, 1);
         }
     }
 
-    void straight(int x0, int y0, int cw, int ch, int set) {
-        auto put = [&](int x, int y) {
-            Long const i = Long(y) * w_ + x;
-            perm_[next_++] = i, sets_[i] = set;
-        };
+    void straight(int x0, int y0, int cw, int ch) {
+        auto put = [&](int x, int y) { perm_[next_++] = Long(y) * w_ + x; };
         if (cw <= ch) {
             for (int y = y0; y < y0 + ch; ++y)
                 for (int x = x0; x < x0 + cw; ++x)
@@ -74,10 +64,58 @@ private:
     static constexpr int kThin = 2;
     static constexpr Long kLeaf = 48;
     Long w_;
-    bool rowLinks_;
-    Long *perm_, *sets_;
+    Long *perm_;
     Long next_ = 0;
-    int deepest_ = 0;
+};
+
+// Fill-reducing order of the unknowns of a w x h grid with the 5-point stencil and nothing
+// else: nested dissection along the diagonals. Every edge of that grid changes u = x + y by
+// one and v = x - y by one, so the pixels on one diagonal u = s (or v = s) separate those on
+// either side; such cuts leave fewer pixels next to the separators of the levels above than
+// cuts along rows and columns. A region is cut across its longer extent in u or v at its
+// median, the two parts come first and the diagonal last; small regions keep their order.
+class DiagonalDissection {
+public:
+    DiagonalDissection(int w, int h, Long *perm) : w_(w) {
+        Long const n = Long(w) * h;
+        for (Long i = 0; i < n; ++i)
+            perm[i] = i;
+        cut(perm, perm + n);
+    }
+
+private:
+    Long u(Long i) const { return i % w_ + i / w_; }
+    Long v(Long i) const { return i % w_ - i / w_; }
+
+    // Orders [begin, end) in place.
+    void cut(Long *begin, Long *end) {
+        Long const count = end - begin;
+        if (count <= kLeaf) {
+            std::sort(begin, end);
+            return;
+        }
+        Long ulo = u(*begin), uhi = ulo, vlo = v(*begin), vhi = vlo;
+        for (Long *i = begin; i != end; ++i) {
+            ulo = std::min(ulo, u(*i)), uhi = std::max(uhi, u(*i));
+            vlo = std::min(vlo, v(*i)), vhi = std::max(vhi, v(*i));
+        }
+        bool const alongU = uhi - ulo >= vhi - vlo;
+        auto key = [&](Long i) { return alongU ? u(i) : v(i); };
+        Long *const mid = begin + count / 2;
+        std::nth_element(begin, mid, end, [&](Long a, Long b) { return key(a) < key(b); });
+        Long const s = key(*mid);
+        Long *const below = std::partition(begin, end, [&](Long i) { return key(i) < s; });
+        Long *const above = std::partition(below, end, [&](Long i) { return key(i) == s; });
+        // [begin, below) and [above, end) first, then the diagonal [below, above) last.
+        std::rotate(below, above, end);
+        Long *const sep = end - (above - below);
+        cut(begin, below);
+        cut(below, sep);
+        std::sort(sep, end);
+    }
+
+    static constexpr Long kLeaf = 48;
+    Long w_;
 };
 
 // The width of the image grid whose 5-point matrix has exactly this upper-triangle pattern
@@ -212,8 +250,11 @@ int pardisoSolverIC(int n, float *a, int *ia, int *ja, float *b, float * /*x*/, 
     if (!s.symbolic || !samePattern || s.linksLeftOut != leaveOut) {
         s.forget();
         if (w > 0) {
-            std::vector<Long> perm(n), sets(n);
-            GridDissection(w, n / w, !leaveOut, perm.data(), sets.data());
+            std::vector<Long> perm(n);
+            if (leaveOut)
+                DiagonalDissection(w, n / w, perm.data());
+            else
+                GridDissection(w, n / w, perm.data());
             c.nmethods = 1;
             c.method[0].ordering = CHOLMOD_GIVEN;
             c.postorder = 1;
