@@ -76,46 +76,58 @@ private:
 // median, the two parts come first and the diagonal last; small regions keep their order.
 class DiagonalDissection {
 public:
-    DiagonalDissection(int w, int h, Long *perm) : w_(w) {
-        Long const n = Long(w) * h;
-        for (Long i = 0; i < n; ++i)
-            perm[i] = i;
-        cut(perm, perm + n);
+    DiagonalDissection(int w, int h, Long *perm) {
+        std::vector<Pixel> px;
+        px.reserve(Long(w) * h);
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x)
+                px.push_back({x + y, x - y});
+        cut(px.data(), px.data() + px.size());
+        for (Pixel const &p : px)
+            *perm++ = p.y() * w + p.x();
     }
 
 private:
-    Long u(Long i) const { return i % w_ + i / w_; }
-    Long v(Long i) const { return i % w_ - i / w_; }
+    // A pixel by its diagonals, which the cuts compare.
+    struct Pixel {
+        int u, v;
+        int x() const { return (u + v) / 2; }
+        Long y() const { return (u - v) / 2; }
+        bool operator<(Pixel const &o) const {
+            return u - v < o.u - o.v || (u - v == o.u - o.v && u < o.u);
+        }
+    };
 
     // Orders [begin, end) in place.
-    void cut(Long *begin, Long *end) {
+    static void cut(Pixel *begin, Pixel *end) {
         Long const count = end - begin;
         if (count <= kLeaf) {
-            std::sort(begin, end);
+            std::sort(begin, end);  // in raster order
             return;
         }
-        Long ulo = u(*begin), uhi = ulo, vlo = v(*begin), vhi = vlo;
-        for (Long *i = begin; i != end; ++i) {
-            ulo = std::min(ulo, u(*i)), uhi = std::max(uhi, u(*i));
-            vlo = std::min(vlo, v(*i)), vhi = std::max(vhi, v(*i));
+        int ulo = begin->u, uhi = ulo, vlo = begin->v, vhi = vlo;
+        for (Pixel const *p = begin; p != end; ++p) {
+            ulo = std::min(ulo, p->u), uhi = std::max(uhi, p->u);
+            vlo = std::min(vlo, p->v), vhi = std::max(vhi, p->v);
         }
-        bool const alongU = uhi - ulo >= vhi - vlo;
-        auto key = [&](Long i) { return alongU ? u(i) : v(i); };
-        Long *const mid = begin + count / 2;
-        std::nth_element(begin, mid, end, [&](Long a, Long b) { return key(a) < key(b); });
-        Long const s = key(*mid);
-        Long *const below = std::partition(begin, end, [&](Long i) { return key(i) < s; });
-        Long *const above = std::partition(below, end, [&](Long i) { return key(i) == s; });
+        int Pixel::*const axis = uhi - ulo >= vhi - vlo ? &Pixel::u : &Pixel::v;
+        Pixel *const mid = begin + count / 2;
+        std::nth_element(begin, mid, end,
+                         [&](Pixel const &a, Pixel const &b) { return a.*axis < b.*axis; });
+        int const s = (*mid).*axis;
+        Pixel *const below =
+            std::partition(begin, end, [&](Pixel const &p) { return p.*axis < s; });
+        Pixel *const above =
+            std::partition(below, end, [&](Pixel const &p) { return p.*axis == s; });
         // [begin, below) and [above, end) first, then the diagonal [below, above) last.
         std::rotate(below, above, end);
-        Long *const sep = end - (above - below);
+        Pixel *const sep = end - (above - below);
         cut(begin, below);
         cut(below, sep);
         std::sort(sep, end);
     }
 
     static constexpr Long kLeaf = 48;
-    Long w_;
 };
 
 // The width of the image grid whose 5-point matrix has exactly this upper-triangle pattern
@@ -159,6 +171,7 @@ struct Solver {
         cholmod_l_start(&c);
         c.print = 0;  // failures are reported by our own texts, nothing on the console
         c.supernodal = CHOLMOD_SUPERNODAL;
+        c.quick_return_if_not_posdef = 1;  // a failed factorisation is thrown away anyway
     }
     ~Solver() { forget(), cholmod_l_finish(&c); }
 
