@@ -1,7 +1,6 @@
 #include "kestrix1/kernels/sparse_solver.h"
 
 #include <algorithm>
-#include <cstring>
 #include <mutex>
 #include <vector>
 
