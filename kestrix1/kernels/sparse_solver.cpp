@@ -164,7 +164,7 @@ struct Solver {
     int width = 0;                       // of the grid of that pattern, or 0
     bool linksLeftOut = false;           // whether symbolic is for the grid without row links
     long analyses = 0;
-    double lnz = 0, flops = 0;  // of the last analysis
+    double values = 0, flops = 0;  // of the last analysis
 
     Solver() {
         cholmod_l_start(&c);
@@ -280,7 +280,7 @@ int pardisoSolverIC(int n, float *a, int *ia, int *ja, float *b, float * /*x*/, 
             throw "pardisoSolverIC - 11";
         }
         ++s.analyses;
-        s.lnz = c.lnz, s.flops = c.fl;
+        s.values = double(s.symbolic->xsize), s.flops = c.fl;
         s.ia.assign(ia, ia + n + 1);
         s.ja.assign(ja, ja + ia[n] - 1);
         s.width = w;
@@ -327,10 +327,10 @@ long kxSparseAnalyses() {
     return s.analyses;
 }
 
-void kxSparseLastAnalysis(double &factorNonZeros, double &flops) {
+void kxSparseLastAnalysis(double &factorValues, double &flops) {
     Solver &s = solver();
     std::lock_guard<std::mutex> const guard(s.lock);
-    factorNonZeros = s.lnz, flops = s.flops;
+    factorValues = s.values, flops = s.flops;
 }
 
 void kxSparseForget() {
