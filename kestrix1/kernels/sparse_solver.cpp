@@ -10,9 +10,9 @@
 
 namespace {
 
-// CHOLMOD's int interface (indices and permutations as int): its indices take half the memory of
-// the long one, and a factor with more than 2^31 stored values (some 17 GB, beyond 30 megapixels)
-// is refused as too large, which is reported like a lack of memory.
+// CHOLMOD's int interface (indices and permutations as int): its indices take half the
+// memory of the long one, and a factor with more than 2^31 stored values (some 17 GB, beyond
+// 30 megapixels) is refused as too large, which is reported like a lack of memory.
 using Index = int;
 
 // Fill-reducing order of the unknowns of a w x h grid with the 5-point stencil (pixel
