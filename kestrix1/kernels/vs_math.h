@@ -11,6 +11,7 @@
 // inputs, and the same float whatever vector width the running CPU offers, since the double
 // results of the different widths lie within a few units of 2^-52 of each other and only an
 // exact value that close to the middle between two floats could round differently.
+// (NaN results are NaN at every width, but not always the same NaN.)
 #pragma once
 
 // y[i] = ln(a[i]).
