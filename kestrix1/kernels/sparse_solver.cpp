@@ -1,0 +1,279 @@
+#include "kestrix1/kernels/sparse_solver.h"
+
+#include <algorithm>
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+#include <suitesparse/cholmod.h>
+
+#include "kestrix1/frame/errors.h"
+
+namespace {
+
+using Long = SuiteSparse_long;
+
+// Fill-reducing order of the unknowns of a w x h grid with the 5-point stencil (pixel
+// y * w + x), maybe with links from each row's end to the next row's start: nested dissection along
+// the grid's rows and columns. A rectangle is cut by one line across its longer side; the two
+// halves come first and the line last, so eliminating either half never touches the other. Small or
+// thin rectangles are ordered straight, the short side running fastest, which keeps their band as
+// narrow as the short side.
+class GridDissection {
+public:
+    GridDissection(int w, int h, bool rowLinks, Long *perm, Long *sets)
+        : w_(w), rowLinks_(rowLinks), perm_(perm), sets_(sets) {
+        cut(0, 0, w, h, 1);
+        // Deeper separators first: set numbers count up from the leaves (0) to the root.
+        for (Long i = 0; i < Long(w) * h; ++i)
+            if (sets_[i] > 0) sets_[i] = deepest_ + 1 - sets_[i];
+    }
+
+private:
+    void cut(int x0, int y0, int cw, int ch, int depth) {
+        if (cw <= 0 || ch <= 0) return;
+        if (std::min(cw, ch) <= kThin || Long(cw) * ch <= kLeaf) {
+            straight(x0, y0, cw, ch, 0);
+            return;
+        }
+        deepest_ = std::max(deepest_, depth);
+        if (cw >= ch) {
+            // Across the whole width, with entries that link each image row's end to the next
+            // row's start, the last column joins the separator, else the halves would stay
+            // connected through those links.
+            bool const wraps = rowLinks_ && cw == w_;
+            int const s = cw / 2;
+            cut(x0, y0, s, ch, depth + 1);
+            cut(x0 + s + 1, y0, cw - s - 1 - wraps, ch, depth + 1);
+            straight(x0 + s, y0, 1, ch, depth);
+            if (wraps) straight(x0 + cw - 1, y0, 1, ch, depth);
+        } else {
+            int const s = ch / 2;
+            cut(x0, y0, cw, s, depth + 1);
+            cut(x0, y0 + s + 1, cw, ch - s - 1, depth + 1);
+            straight(x0, y0 + s, cw, 1, depth);
+        }
+    }
+
+    void straight(int x0, int y0, int cw, int ch, int set) {
+        auto put = [&](int x, int y) {
+            Long const i = Long(y) * w_ + x;
+            perm_[next_++] = i, sets_[i] = set;
+        };
+        if (cw <= ch) {
+            for (int y = y0; y < y0 + ch; ++y)
+                for (int x = x0; x < x0 + cw; ++x)
+                    put(x, y);
+        } else {
+            for (int x = x0; x < x0 + cw; ++x)
+                for (int y = y0; y < y0 + ch; ++y)
+                    put(x, y);
+        }
+    }
+
+    static constexpr int kThin = 2;
+    static constexpr Long kLeaf = 48;
+    Long w_;
+    bool rowLinks_;
+    Long *perm_, *sets_;
+    Long next_ = 0;
+    int deepest_ = 0;
+};
+
+// The width of the image grid whose 5-point matrix has exactly this upper-triangle pattern
+// (1-based compressed rows): row i holds columns i, i + 1 (but for the last row) and i + w
+// (while below n), i + 1 and i + w being one entry when w is 1. 0 for any other pattern.
+int gridWidth(int n, int const *ia, int const *ja) {
+    if (n < 2 || ia[1] < 3) return 0;
+    int const w = ja[ia[1] - 2] - 1;
+    if (w < 1 || n % w != 0) return 0;
+    for (int i = 0; i < n; ++i) {
+        int want[3], k = 0;
+        want[k++] = i + 1;
+        if (i + 1 < n) want[k++] = i + 2;
+        if (w > 1 && i + w < n) want[k++] = i + w + 1;
+        if (ia[i + 1] - ia[i] != k || !std::equal(want, want + k, ja + ia[i] - 1)) return 0;
+    }
+    return w;
+}
+
+// Whether every entry that links the end of an image row to the start of the next is zero,
+// as in the smoothing matrix: then they are left out, and the grid has no such links.
+bool rowLinksZero(int n, int w, float const *a, int const *ia) {
+    for (int i = w - 1; i + 1 < n; i += w)
+        if (a[ia[i]] != 0.0f) return false;  // the entry after the diagonal
+    return true;
+}
+
+// CHOLMOD's workspace and the symbolic analysis of the last pattern, kept for the process.
+// One solve at a time goes through it.
+struct Solver {
+    std::mutex lock;
+    cholmod_common c;
+    cholmod_factor *symbolic = nullptr;  // supernodal, without values between solves
+    std::vector<int> ia, ja;             // the pattern symbolic belongs to, as given
+    int width = 0;                       // of the grid of that pattern, or 0
+    bool linksLeftOut = false;           // whether symbolic is for the grid without row links
+    long analyses = 0;
+
+    Solver() {
+        cholmod_l_start(&c);
+        c.print = 0;  // failures are reported by our own texts, nothing on the console
+        c.supernodal = CHOLMOD_SUPERNODAL;
+    }
+    ~Solver() { forget(), cholmod_l_finish(&c); }
+
+    void forget() {
+        if (symbolic) cholmod_l_free_factor(&symbolic, &c);
+        ia.clear(), ja.clear();
+    }
+
+    bool samePattern(int n, int const *ia1, int const *ja1) const {
+        return ia.size() == size_t(n) + 1 && std::equal(ia.begin(), ia.end(), ia1) &&
+               std::equal(ja.begin(), ja.end(), ja1);
+    }
+};
+
+Solver &solver() {
+    static Solver s;
+    return s;
+}
+
+// Everything one call allocates from CHOLMOD, freed on every way out.
+struct CallState {
+    cholmod_common &c;
+    cholmod_sparse *a = nullptr;
+    cholmod_dense *b = nullptr, *x = nullptr;
+    explicit CallState(cholmod_common &common) : c(common) {}
+    ~CallState() {
+        cholmod_l_free_dense(&x, &c);
+        cholmod_l_free_dense(&b, &c);
+        cholmod_l_free_sparse(&a, &c);
+    }
+};
+
+// The upper triangle in 1-based compressed rows, each row's columns ascending from the
+// diagonal on: the only form taken.
+bool validPattern(int n, int const *ia, int const *ja) {
+    if (n < 1 || !ia || !ja || ia[0] != 1) return false;
+    for (int i = 0; i < n; ++i) {
+        if (ia[i + 1] < ia[i]) return false;
+        int last = i;  // the lowest column the next entry may have, 0-based
+        for (int k = ia[i] - 1; k < ia[i + 1] - 1; ++k) {
+            int const col = ja[k] - 1;
+            if (col < last || col >= n) return false;
+            last = col + 1;
+        }
+    }
+    return true;
+}
+
+// The upper triangle in compressed rows, read as compressed columns, is the lower triangle of
+// the same symmetric matrix: the indices move to base 0 and the values to double. With
+// `width`, the entries linking image rows are left out.
+cholmod_sparse *lowerTriangle(int n, float const *a, int const *ia, int const *ja, int width,
+                              cholmod_common &c) {
+    Long const nnz = ia[n] - 1 - (width ? n / width - 1 : 0);
+    cholmod_sparse *m = cholmod_l_allocate_sparse(n, n, nnz, 1, 1, -1, CHOLMOD_REAL, &c);
+    if (!m) return nullptr;
+    Long *const mp = static_cast<Long *>(m->p);
+    Long *const mi = static_cast<Long *>(m->i);
+    double *const mx = static_cast<double *>(m->x);
+    Long at = 0;
+    for (int i = 0; i < n; ++i) {
+        mp[i] = at;
+        bool const skipLink = width && (i + 1) % width == 0 && i + 1 < n;
+        for (int k = ia[i] - 1; k < ia[i + 1] - 1; ++k) {
+            if (skipLink && k == ia[i]) continue;
+            mi[at] = ja[k] - 1, mx[at] = a[k], ++at;
+        }
+    }
+    mp[n] = at;
+    return m;
+}
+
+}  // namespace
+
+int pardisoSolverIC(int n, float *a, int *ia, int *ja, float *b, float * /*x*/, int nrhs,
+                    int /*mtype*/) {
+    Solver &s = solver();
+    std::lock_guard<std::mutex> const guard(s.lock);
+    cholmod_common &c = s.c;
+    kxRequire(validPattern(n, ia, ja) && nrhs >= 1 && a && b, "pardisoSolverIC - 11");
+
+    bool const samePattern = s.samePattern(n, ia, ja);
+    int const w = samePattern ? s.width : gridWidth(n, ia, ja);
+    bool const leaveOut = w > 1 && n > w && rowLinksZero(n, w, a, ia);
+    CallState call(c);
+    call.a = lowerTriangle(n, a, ia, ja, leaveOut ? w : 0, c);
+    if (!call.a) return 1;
+
+    if (!s.symbolic || !samePattern || s.linksLeftOut != leaveOut) {
+        s.forget();
+        if (w > 0) {
+            std::vector<Long> perm(n), sets(n);
+            GridDissection(w, n / w, !leaveOut, perm.data(), sets.data());
+            c.nmethods = 1;
+            c.method[0].ordering = CHOLMOD_GIVEN;
+            c.postorder = 1;
+            s.symbolic = cholmod_l_analyze_p(call.a, perm.data(), nullptr, 0, &c);
+        } else {
+            c.nmethods = 0;  // CHOLMOD's own choice of ordering
+            s.symbolic = cholmod_l_analyze(call.a, &c);
+        }
+        if (!s.symbolic) {
+            if (c.status == CHOLMOD_OUT_OF_MEMORY) return 1;
+            throw "pardisoSolverIC - 11";
+        }
+        ++s.analyses;
+        s.ia.assign(ia, ia + n + 1);
+        s.ja.assign(ja, ja + ia[n] - 1);
+        s.width = w;
+        s.linksLeftOut = leaveOut;
+    }
+
+    // The factor gets its values here and gives them back after the solve, so that only the
+    // symbolic analysis stays between calls. After a failure it may have changed form, so
+    // it is dropped.
+    cholmod_factor *const L = s.symbolic;
+    int const factored = cholmod_l_factorize(call.a, L, &c);
+    bool const outOfMemory = c.status == CHOLMOD_OUT_OF_MEMORY;
+    if (!factored || c.status != CHOLMOD_OK || L->minor < size_t(n) || !L->is_super) {
+        s.forget();
+        if (outOfMemory) return 1;
+        throw "pardisoSolverIC - 22";
+    }
+    cholmod_l_free_sparse(&call.a, &c);
+
+    call.b = cholmod_l_allocate_dense(n, nrhs, n, CHOLMOD_REAL, &c);
+    if (call.b) {
+        double *const bx = static_cast<double *>(call.b->x);
+        for (Long k = 0; k < Long(n) * nrhs; ++k)
+            bx[k] = b[k];
+        call.x = cholmod_l_solve(CHOLMOD_A, L, call.b, &c);
+    }
+    bool const solveOutOfMemory = !call.b || c.status == CHOLMOD_OUT_OF_MEMORY;
+    bool const solved = call.x && c.status == CHOLMOD_OK;
+    if (!cholmod_l_change_factor(CHOLMOD_PATTERN, 1, 1, 1, 1, L, &c) || L->xtype != CHOLMOD_PATTERN)
+        s.forget();
+    if (!solved) {
+        if (solveOutOfMemory) return 1;
+        throw "pardisoSolverIC - 22";
+    }
+    double const *const xx = static_cast<double const *>(call.x->x);
+    for (Long k = 0; k < Long(n) * nrhs; ++k)
+        b[k] = float(xx[k]);
+    return 0;
+}
+
+long kxSparseAnalyses() {
+    Solver &s = solver();
+    std::lock_guard<std::mutex> const guard(s.lock);
+    return s.analyses;
+}
+
+void kxSparseForget() {
+    Solver &s = solver();
+    std::lock_guard<std::mutex> const guard(s.lock);
+    s.forget();
+}

@@ -13,8 +13,16 @@
 // (mtype 2) of n rows: a, ia (n + 1 row starts), ja as above. b receives the solution; x is
 // scratch of n floats. Returns 0, or 1 when memory ran out (b then holds no solution).
 // Throws "pardisoSolverIC - 11" when the analysis fails and "pardisoSolverIC - 22" when the
-// factorisation or the solve fails (a matrix that is not positive definite).
+// factorisation or the solve fails (a matrix that is not positive definite). The analysis
+// fails for a pattern that is not an upper triangle in that form (a column below the
+// diagonal or beyond n, columns not ascending within a row) and for n < 1. nrhs > 1 solves
+// for nrhs right-hand sides stored one after another in b; mtype is not looked at.
+// Calls from several threads are taken one at a time, as they share the kept analysis.
 int pardisoSolverIC(int n, float *a, int *ia, int *ja, float *b, float *x, int nrhs, int mtype);
 
 // How many symbolic analyses this process has run, for tests of the reuse.
 long kxSparseAnalyses();
+
+// Drops the kept analysis, so that the next solve analyses its pattern anew (benchmarks of a
+// first call).
+void kxSparseForget();
