@@ -93,12 +93,8 @@ TEST(SmoothCommand, TimingRepeatsDefaultsAndWrongLines) {
         {"",
          "kestrix smooth needs --filter guided, dt, bilateral, manifold or wls (see kestrix "
          "smooth --help)"},
-        {"--filter wls --sigma-s 4",
-         "--sigma-s does not apply to --filter wls (see kestrix smooth --help)"},
         {"--filter dt --lambda 1",
          "--lambda does not apply to --filter dt (see kestrix smooth --help)"},
-        {"--filter wls --alpha 5", "bad value '5' for --alpha (expected a number in 0.1..4)"},
-        {"--filter wls --lambda -1", "bad value '-1' for --lambda (expected a number in 0..1000)"},
         {"--filter dt --eps 0.1",
          "--eps does not apply to --filter dt (see kestrix smooth --help)"},
         {"--filter manifold --sigma-s 3.5",
@@ -109,11 +105,9 @@ TEST(SmoothCommand, TimingRepeatsDefaultsAndWrongLines) {
         EXPECT_EQ(usageErrorOf(addSmoothOptions, "smooth", line), message) << line;
 }
 
-// A photograph whose factor would not fit is refused with one line before any work; the
-// estimate grows a little faster than the pixel count.
+// A photograph whose factor would not fit is refused with one line before any work.
 TEST(SmoothCommand, WlsRefusesWhatDoesNotFitInMemory) {
     EXPECT_NO_THROW(requireWlsFits(1224, 816, 2e9));
-    EXPECT_GT(wlsBytes(2448, 1632), 4.2 * wlsBytes(1224, 816));
     std::string why;
     try {
         requireWlsFits(6000, 4000, 8e9);
