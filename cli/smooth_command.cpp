@@ -43,12 +43,14 @@ FilterInfo const kFilters[] = {
     {Filter::wls, "wls", 0, 0, 0, 0, 0, 1.0f, 1.2f},
 };
 
-// Nonzeros of the Cholesky factor of a w x h grid's system, per pixel and per bit of the
-// pixel count (nested dissection: c N log2 N), in doubles; measured on photographs.
-constexpr double kWlsFactorPerPixelLog = 2.0;
-// Everything else per pixel: the filter's arrays (3 N values and indices, three N-float
-// rows), the solver's copy of the matrix and its work vectors, and the planes of the run.
-constexpr double kWlsBytesPerPixel = 120.0;
+// Memory of a --filter wls run, mostly the Cholesky factor of a w x h grid's system, whose
+// nonzeros grow as c N log2 N under nested dissection: kWlsFactorPerPixelLog doubles per pixel
+// and bit of the pixel count, and kWlsBytesPerPixel for the image's planes, the filter's arrays
+// and the solver's vectors. Fitted to the peak resident memory of whole runs on photographs:
+// 0.98 GB at 1224 x 816 (estimate 0.98) and 3.79 GB at 2448 x 1632 (estimate 4.3), so the
+// estimate errs on the safe side as photographs grow.
+constexpr double kWlsFactorPerPixelLog = 6.0;
+constexpr double kWlsBytesPerPixel = 24.0;
 
 constexpr float kMaxSigmaS = 1000.0f;
 
@@ -88,14 +90,14 @@ char const kFooter[] =
     "a run repeats exactly. Needs --sigma-s of at least 4. Defaults: --sigma-s 16 --sigma-r 0.2.\n"
     "\n"
     "With --channels y every filter follows the luminance (of the input, or of --guide); with "
-    "--channels rgb guided, dt and manifold follow the three colour planes and bilateral the "
-    "luminance.\n"
+    "--channels rgb guided, dt and manifold follow the three colour planes, bilateral the "
+    "luminance and wls its logarithm.\n"
     "\n"
     "--filter wls: Farbman, Fattal, Lischinski and Szeliski's weighted least squares: the image "
     "closest to the input that is smooth wherever the log luminance is flat, found by an exact "
-    "sparse solve. No halos, but the slowest filter by far: a few seconds and about 0.5 GB at "
-    "1 megapixel, about four times that at 4 megapixels, and both grow a little faster than "
-    "the pixel count; the first image of a size also pays for the solver's analysis. A "
+    "sparse solve. No halos, but the slowest filter by far: about 1 GB of memory per "
+    "megapixel, and from seconds to a minute per megapixel depending on the machine, both "
+    "growing a little faster than the pixel count. A "
     "photograph too large for this machine's memory is refused before the solve. --lambda is "
     "the strength (0.1 light, 10 strong), --alpha how sharply it stops at steps (1 soft, 2 "
     "hard). Defaults: --lambda 1 --alpha 1.2.\n"
