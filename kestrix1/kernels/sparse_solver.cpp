@@ -1,7 +1,6 @@
 #include "kestrix1/kernels/sparse_solver.h"
 
 #include <algorithm>
-#include <cstring>
 #include <mutex>
 #include <vector>
 
@@ -14,52 +13,42 @@ namespace {
 using Long = SuiteSparse_long;
 
 // Fill-reducing order of the unknowns of a w x h grid with the 5-point stencil (pixel
-// y * w + x), maybe with links from each row's end to the next row's start: nested dissection along
-// the grid's rows and columns. A rectangle is cut by one line across its longer side; the two
-// halves come first and the line last, so eliminating either half never touches the other. Small or
-// thin rectangles are ordered straight, the short side running fastest, which keeps their band as
+// y * w + x) and links from each row's end to the next row's start (the pattern of the
+// smoothing matrix with its explicit zeros): nested dissection along the grid's rows and
+// columns. A rectangle is cut by one line across its longer side; the two halves come first
+// and the line last, so eliminating either half never touches the other. Small or thin
+// rectangles are ordered straight, the short side running fastest, which keeps their band as
 // narrow as the short side.
 class GridDissection {
 public:
-    GridDissection(int w, int h, bool rowLinks, Long *perm, Long *sets)
-        : w_(w), rowLinks_(rowLinks), perm_(perm), sets_(sets) {
-        cut(0, 0, w, h, 1);
-        // Deeper separators first: set numbers count up from the leaves (0) to the root.
-        for (Long i = 0; i < Long(w) * h; ++i)
-            if (sets_[i] > 0) sets_[i] = deepest_ + 1 - sets_[i];
-    }
+    GridDissection(int w, int h, Long *perm) : w_(w), perm_(perm) { cut(0, 0, w, h); }
 
 private:
-    void cut(int x0, int y0, int cw, int ch, int depth) {
+    void cut(int x0, int y0, int cw, int ch) {
         if (cw <= 0 || ch <= 0) return;
         if (std::min(cw, ch) <= kThin || Long(cw) * ch <= kLeaf) {
-            straight(x0, y0, cw, ch, 0);
+            straight(x0, y0, cw, ch);
             return;
         }
-        deepest_ = std::max(deepest_, depth);
         if (cw >= ch) {
-            // Across the whole width, with entries that link each image row's end to the next
-            // row's start, the last column joins the separator, else the halves would stay
-            // connected through those links.
-            bool const wraps = rowLinks_ && cw == w_;
+            // Across the whole width the last column joins the separator, else the halves
+            // would stay connected through the links between image rows.
+            bool const wraps = cw == w_;
             int const s = cw / 2;
-            cut(x0, y0, s, ch, depth + 1);
-            cut(x0 + s + 1, y0, cw - s - 1 - wraps, ch, depth + 1);
-            straight(x0 + s, y0, 1, ch, depth);
-            if (wraps) straight(x0 + cw - 1, y0, 1, ch, depth);
+            cut(x0, y0, s, ch);
+            cut(x0 + s + 1, y0, cw - s - 1 - wraps, ch);
+            straight(x0 + s, y0, 1, ch);
+            if (wraps) straight(x0 + cw - 1, y0, 1, ch);
         } else {
             int const s = ch / 2;
-            cut(x0, y0, cw, s, depth + 1);
-            cut(x0, y0 + s + 1, cw, ch - s - 1, depth + 1);
-            straight(x0, y0 + s, cw, 1, depth);
+            cut(x0, y0, cw, s);
+            cut(x0, y0 + s + 1, cw, ch - s - 1);
+            straight(x0, y0 + s, cw, 1);
         }
     }
 
-    void straight(int x0, int y0, int cw, int ch, int set) {
-        auto put = [&](int x, int y) {
-            Long const i = Long(y) * w_ + x;
-            perm_[next_++] = i, sets_[i] = set;
-        };
+    void straight(int x0, int y0, int cw, int ch) {
+        auto put = [&](int x, int y) { perm_[next_++] = Long(y) * w_ + x; };
         if (cw <= ch) {
             for (int y = y0; y < y0 + ch; ++y)
                 for (int x = x0; x < x0 + cw; ++x)
@@ -74,10 +63,70 @@ private:
     static constexpr int kThin = 2;
     static constexpr Long kLeaf = 48;
     Long w_;
-    bool rowLinks_;
-    Long *perm_, *sets_;
+    Long *perm_;
     Long next_ = 0;
-    int deepest_ = 0;
+};
+
+// Fill-reducing order of the unknowns of a w x h grid with the 5-point stencil and nothing
+// else: nested dissection along the diagonals. Every edge of that grid changes u = x + y by
+// one and v = x - y by one, so the pixels on one diagonal u = s (or v = s) separate those on
+// either side; such cuts leave fewer pixels next to the separators of the levels above than
+// cuts along rows and columns. A region is cut across its longer extent in u or v at its
+// median, the two parts come first and the diagonal last; small regions keep their order.
+class DiagonalDissection {
+public:
+    DiagonalDissection(int w, int h, Long *perm) {
+        std::vector<Pixel> px;
+        px.reserve(Long(w) * h);
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x)
+                px.push_back({x + y, x - y});
+        cut(px.data(), px.data() + px.size());
+        for (Pixel const &p : px)
+            *perm++ = p.y() * w + p.x();
+    }
+
+private:
+    // A pixel by its diagonals, which the cuts compare.
+    struct Pixel {
+        int u, v;
+        int x() const { return (u + v) / 2; }
+        Long y() const { return (u - v) / 2; }
+        bool operator<(Pixel const &o) const {
+            return u - v < o.u - o.v || (u - v == o.u - o.v && u < o.u);
+        }
+    };
+
+    // Orders [begin, end) in place.
+    static void cut(Pixel *begin, Pixel *end) {
+        Long const count = end - begin;
+        if (count <= kLeaf) {
+            std::sort(begin, end);  // in raster order
+            return;
+        }
+        int ulo = begin->u, uhi = ulo, vlo = begin->v, vhi = vlo;
+        for (Pixel const *p = begin; p != end; ++p) {
+            ulo = std::min(ulo, p->u), uhi = std::max(uhi, p->u);
+            vlo = std::min(vlo, p->v), vhi = std::max(vhi, p->v);
+        }
+        int Pixel::*const axis = uhi - ulo >= vhi - vlo ? &Pixel::u : &Pixel::v;
+        Pixel *const mid = begin + count / 2;
+        std::nth_element(begin, mid, end,
+                         [&](Pixel const &a, Pixel const &b) { return a.*axis < b.*axis; });
+        int const s = (*mid).*axis;
+        Pixel *const below =
+            std::partition(begin, end, [&](Pixel const &p) { return p.*axis < s; });
+        Pixel *const above =
+            std::partition(below, end, [&](Pixel const &p) { return p.*axis == s; });
+        // [begin, below) and [above, end) first, then the diagonal [below, above) last.
+        std::rotate(below, above, end);
+        Pixel *const sep = end - (above - below);
+        cut(begin, below);
+        cut(below, sep);
+        std::sort(sep, end);
+    }
+
+    static constexpr Long kLeaf = 48;
 };
 
 // The width of the image grid whose 5-point matrix has exactly this upper-triangle pattern
@@ -115,11 +164,13 @@ struct Solver {
     int width = 0;                       // of the grid of that pattern, or 0
     bool linksLeftOut = false;           // whether symbolic is for the grid without row links
     long analyses = 0;
+    double lnz = 0, flops = 0;  // of the last analysis
 
     Solver() {
         cholmod_l_start(&c);
         c.print = 0;  // failures are reported by our own texts, nothing on the console
         c.supernodal = CHOLMOD_SUPERNODAL;
+        c.quick_return_if_not_posdef = 1;  // a failed factorisation is thrown away anyway
     }
     ~Solver() { forget(), cholmod_l_finish(&c); }
 
@@ -211,8 +262,11 @@ int pardisoSolverIC(int n, float *a, int *ia, int *ja, float *b, float * /*x*/, 
     if (!s.symbolic || !samePattern || s.linksLeftOut != leaveOut) {
         s.forget();
         if (w > 0) {
-            std::vector<Long> perm(n), sets(n);
-            GridDissection(w, n / w, !leaveOut, perm.data(), sets.data());
+            std::vector<Long> perm(n);
+            if (leaveOut)
+                DiagonalDissection(w, n / w, perm.data());
+            else
+                GridDissection(w, n / w, perm.data());
             c.nmethods = 1;
             c.method[0].ordering = CHOLMOD_GIVEN;
             c.postorder = 1;
@@ -226,6 +280,7 @@ int pardisoSolverIC(int n, float *a, int *ia, int *ja, float *b, float * /*x*/, 
             throw "pardisoSolverIC - 11";
         }
         ++s.analyses;
+        s.lnz = c.lnz, s.flops = c.fl;
         s.ia.assign(ia, ia + n + 1);
         s.ja.assign(ja, ja + ia[n] - 1);
         s.width = w;
@@ -270,6 +325,12 @@ long kxSparseAnalyses() {
     Solver &s = solver();
     std::lock_guard<std::mutex> const guard(s.lock);
     return s.analyses;
+}
+
+void kxSparseLastAnalysis(double &factorNonZeros, double &flops) {
+    Solver &s = solver();
+    std::lock_guard<std::mutex> const guard(s.lock);
+    factorNonZeros = s.lnz, flops = s.flops;
 }
 
 void kxSparseForget() {

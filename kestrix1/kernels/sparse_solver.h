@@ -5,8 +5,15 @@
 // values, explicit zeros allowed; it is factored by a supernodal Cholesky in double precision
 // (CHOLMOD) and the solution is written over the right-hand side in float. The symbolic
 // analysis depends only on the pattern, so it is kept and reused while the pattern stays the
-// same; a pattern with the bands of a w x h image grid is ordered by nested dissection along
-// the grid's rows and columns.
+// same (one analysis for the process, freed at its end; the factor's values are not kept).
+// A pattern with the bands of a w x h image grid (columns i, i + 1, i + w) is ordered by
+// nested dissection of the grid itself, handed to CHOLMOD as a given permutation: along the
+// pixel diagonals when the entries that link one image row's end to the next row's start are
+// all zero (they are then left out of the factor), along rows and columns otherwise. Other
+// patterns get CHOLMOD's own ordering.
+//
+// The dense steps of the factorisation run on the system BLAS (OpenBLAS on OpenMP, see
+// scripts/install-deps.sh), with omp_get_max_threads() threads.
 #pragma once
 
 // Solves A x = b for one right-hand side (nrhs 1) of a real symmetric positive definite matrix
@@ -22,6 +29,10 @@ int pardisoSolverIC(int n, float *a, int *ia, int *ja, float *b, float *x, int n
 
 // How many symbolic analyses this process has run, for tests of the reuse.
 long kxSparseAnalyses();
+
+// The nonzeros of the factor and the floating-point operations of its factorisation, as the
+// last analysis counted them, for benchmarks.
+void kxSparseLastAnalysis(double &factorNonZeros, double &flops);
 
 // Drops the kept analysis, so that the next solve analyses its pattern anew (benchmarks of a
 // first call).
