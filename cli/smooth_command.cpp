@@ -33,14 +33,14 @@ struct FilterInfo {
 // The bilateral grid's cells are sigma-s pixels wide and need at least two; the manifolds
 // are blurred at a quarter of sigma-s, which must stay at least one pixel.
 // The least squares defaults are for the natural log of the luminance: alpha 1.2 makes a step
-// of a few percent in brightness already hold the smoothing back, and lambda 1 flattens
+// of a few percent in brightness already hold the smoothing back, and lambda 0.5 flattens
 // texture of a few pixels while a gradient over tens of pixels survives.
 FilterInfo const kFilters[] = {
     {Filter::guided, "guided", 8, 0.1f, 0, 0, 0, 0, 0},
     {Filter::dt, "dt", 0, 0, 16.0f, 0.1f, 1.0f, 0, 0},
     {Filter::bilateral, "bilateral", 0, 0, 16.0f, 0.1f, 2.0f, 0, 0},
     {Filter::manifold, "manifold", 0, 0, 16.0f, 0.2f, 4.0f, 0, 0},
-    {Filter::wls, "wls", 0, 0, 0, 0, 0, 1.0f, 1.2f},
+    {Filter::wls, "wls", 0, 0, 0, 0, 0, 0.5f, 1.2f},
 };
 
 // Memory of a --filter wls run, which grows with the Cholesky factor of a w x h grid's system:
@@ -101,7 +101,7 @@ char const kFooter[] =
     "growing a little faster than the pixel count. A "
     "photograph too large for this machine's memory is refused before the solve. --lambda is "
     "the strength (0.1 light, 10 strong), --alpha how sharply it stops at steps (1 soft, 2 "
-    "hard). Defaults: --lambda 1 --alpha 1.2.\n"
+    "hard). Defaults: --lambda 0.5 --alpha 1.2.\n"
     "\n"
     "Exit status: 0 done, 1 the image could not be read, processed or written, 2 the command "
     "line is wrong.";

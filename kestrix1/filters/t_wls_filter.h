@@ -62,7 +62,8 @@ public:
     TWLSFilter();
     // Copies the settings and the size and shares the buffers: both objects then see the same
     // arrays, which are freed with the last object that holds them. A later realloc or Proc
-    // of another size gives only that object new buffers.
+    // of another size gives only that object new buffers. As they write the same arrays, two
+    // copies must not run Proc at the same time.
     TWLSFilter(TWLSFilter const &other);
     TWLSFilter &operator=(TWLSFilter const &other);
     ~TWLSFilter();

@@ -87,7 +87,7 @@ TEST(SmoothCommand, TimingRepeatsDefaultsAndWrongLines) {
     SmoothSettings const s = parseWith(addSmoothOptions, "smooth", "--filter bilateral");
     EXPECT_TRUE(s.sigmaS == 16.0f && s.sigmaR == 0.1f && s.radius == 0);
     SmoothSettings const w = parseWith(addSmoothOptions, "smooth", "--filter wls --alpha 2");
-    EXPECT_TRUE(w.lambda == 1.0f && w.alpha == 2.0f);
+    EXPECT_TRUE(w.lambda == 0.5f && w.alpha == 2.0f);
 
     std::pair<char const *, char const *> const cases[] = {
         {"",
