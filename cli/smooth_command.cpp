@@ -47,11 +47,11 @@ FilterInfo const kFilters[] = {
 // c N log2 N nonzeros under nested dissection (c = 1.75 measured at 1224 x 816). The factor
 // is about a third of the peak; the solver's work memory, the filter's arrays and the planes
 // of the run make the rest. Fitted to the peak resident memory of whole runs on photographs,
-// 0.98 GB at 1224 x 816 (estimate 0.98) and 3.79 GB at 2448 x 1632 (estimate 4.3), so the
+// 0.82 GB at 1224 x 816 (estimate 0.83) and 3.06 GB at 2448 x 1632 (estimate 3.6), so the
 // estimate errs on the safe side as photographs grow. The estimate in bytes is
 // 8 kWlsFactorPerPixelLog N log2 N + kWlsBytesPerPixel N.
-constexpr double kWlsFactorPerPixelLog = 6.0;
-constexpr double kWlsBytesPerPixel = 24.0;
+constexpr double kWlsFactorPerPixelLog = 5.0;
+constexpr double kWlsBytesPerPixel = 32.0;
 
 constexpr float kMaxSigmaS = 1000.0f;
 
