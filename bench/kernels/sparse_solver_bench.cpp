@@ -118,9 +118,9 @@ void run(benchmark::State &state, cv::Size size, Way way) {
     }
     state.counters["peakMB"] = peakMB();
     if (way != Way::plain) {
-        double lnz, flops;
-        kxSparseLastAnalysis(lnz, flops);
-        state.counters["factorMB"] = lnz * 8 / 1048576.0;
+        double values, flops;
+        kxSparseLastAnalysis(values, flops);
+        state.counters["factorMB"] = values * 8 / 1048576.0;
         state.counters["Gflop"] = flops / 1e9;
     }
 }

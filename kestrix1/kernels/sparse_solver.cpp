@@ -10,7 +10,10 @@
 
 namespace {
 
-using Long = SuiteSparse_long;
+// CHOLMOD's int interface (indices and permutations as int): its indices take half the
+// memory of the long one, and a factor with more than 2^31 stored values (some 17 GB, beyond
+// 30 megapixels) is refused as too large, which is reported like a lack of memory.
+using Index = int;
 
 // Fill-reducing order of the unknowns of a w x h grid with the 5-point stencil (pixel
 // y * w + x) and links from each row's end to the next row's start (the pattern of the
@@ -21,12 +24,12 @@ using Long = SuiteSparse_long;
 // narrow as the short side.
 class GridDissection {
 public:
-    GridDissection(int w, int h, Long *perm) : w_(w), perm_(perm) { cut(0, 0, w, h); }
+    GridDissection(int w, int h, Index *perm) : w_(w), perm_(perm) { cut(0, 0, w, h); }
 
 private:
     void cut(int x0, int y0, int cw, int ch) {
         if (cw <= 0 || ch <= 0) return;
-        if (std::min(cw, ch) <= kThin || Long(cw) * ch <= kLeaf) {
+        if (std::min(cw, ch) <= kThin || cw * ch <= kLeaf) {
             straight(x0, y0, cw, ch);
             return;
         }
@@ -48,7 +51,7 @@ private:
     }
 
     void straight(int x0, int y0, int cw, int ch) {
-        auto put = [&](int x, int y) { perm_[next_++] = Long(y) * w_ + x; };
+        auto put = [&](int x, int y) { perm_[next_++] = Index(y) * w_ + x; };
         if (cw <= ch) {
             for (int y = y0; y < y0 + ch; ++y)
                 for (int x = x0; x < x0 + cw; ++x)
@@ -61,10 +64,10 @@ private:
     }
 
     static constexpr int kThin = 2;
-    static constexpr Long kLeaf = 48;
-    Long w_;
-    Long *perm_;
-    Long next_ = 0;
+    static constexpr Index kLeaf = 48;
+    Index w_;
+    Index *perm_;
+    Index next_ = 0;
 };
 
 // Fill-reducing order of the unknowns of a w x h grid with the 5-point stencil and nothing
@@ -75,9 +78,9 @@ private:
 // median, the two parts come first and the diagonal last; small regions keep their order.
 class DiagonalDissection {
 public:
-    DiagonalDissection(int w, int h, Long *perm) {
+    DiagonalDissection(int w, int h, Index *perm) {
         std::vector<Pixel> px;
-        px.reserve(Long(w) * h);
+        px.reserve(std::size_t(w) * h);
         for (int y = 0; y < h; ++y)
             for (int x = 0; x < w; ++x)
                 px.push_back({x + y, x - y});
@@ -91,7 +94,7 @@ private:
     struct Pixel {
         int u, v;
         int x() const { return (u + v) / 2; }
-        Long y() const { return (u - v) / 2; }
+        Index y() const { return (u - v) / 2; }
         bool operator<(Pixel const &o) const {
             return u - v < o.u - o.v || (u - v == o.u - o.v && u < o.u);
         }
@@ -99,7 +102,7 @@ private:
 
     // Orders [begin, end) in place.
     static void cut(Pixel *begin, Pixel *end) {
-        Long const count = end - begin;
+        Index const count = end - begin;
         if (count <= kLeaf) {
             std::sort(begin, end);  // in raster order
             return;
@@ -126,7 +129,7 @@ private:
         std::sort(sep, end);
     }
 
-    static constexpr Long kLeaf = 48;
+    static constexpr Index kLeaf = 48;
 };
 
 // The width of the image grid whose 5-point matrix has exactly this upper-triangle pattern
@@ -164,18 +167,18 @@ struct Solver {
     int width = 0;                       // of the grid of that pattern, or 0
     bool linksLeftOut = false;           // whether symbolic is for the grid without row links
     long analyses = 0;
-    double lnz = 0, flops = 0;  // of the last analysis
+    double values = 0, flops = 0;  // of the last analysis
 
     Solver() {
-        cholmod_l_start(&c);
+        cholmod_start(&c);
         c.print = 0;  // failures are reported by our own texts, nothing on the console
         c.supernodal = CHOLMOD_SUPERNODAL;
         c.quick_return_if_not_posdef = 1;  // a failed factorisation is thrown away anyway
     }
-    ~Solver() { forget(), cholmod_l_finish(&c); }
+    ~Solver() { forget(), cholmod_finish(&c); }
 
     void forget() {
-        if (symbolic) cholmod_l_free_factor(&symbolic, &c);
+        if (symbolic) cholmod_free_factor(&symbolic, &c);
         ia.clear(), ja.clear();
     }
 
@@ -197,9 +200,9 @@ struct CallState {
     cholmod_dense *b = nullptr, *x = nullptr;
     explicit CallState(cholmod_common &common) : c(common) {}
     ~CallState() {
-        cholmod_l_free_dense(&x, &c);
-        cholmod_l_free_dense(&b, &c);
-        cholmod_l_free_sparse(&a, &c);
+        cholmod_free_dense(&x, &c);
+        cholmod_free_dense(&b, &c);
+        cholmod_free_sparse(&a, &c);
     }
 };
 
@@ -224,13 +227,13 @@ bool validPattern(int n, int const *ia, int const *ja) {
 // `width`, the entries linking image rows are left out.
 cholmod_sparse *lowerTriangle(int n, float const *a, int const *ia, int const *ja, int width,
                               cholmod_common &c) {
-    Long const nnz = ia[n] - 1 - (width ? n / width - 1 : 0);
-    cholmod_sparse *m = cholmod_l_allocate_sparse(n, n, nnz, 1, 1, -1, CHOLMOD_REAL, &c);
+    Index const nnz = ia[n] - 1 - (width ? n / width - 1 : 0);
+    cholmod_sparse *m = cholmod_allocate_sparse(n, n, nnz, 1, 1, -1, CHOLMOD_REAL, &c);
     if (!m) return nullptr;
-    Long *const mp = static_cast<Long *>(m->p);
-    Long *const mi = static_cast<Long *>(m->i);
+    Index *const mp = static_cast<Index *>(m->p);
+    Index *const mi = static_cast<Index *>(m->i);
     double *const mx = static_cast<double *>(m->x);
-    Long at = 0;
+    Index at = 0;
     for (int i = 0; i < n; ++i) {
         mp[i] = at;
         bool const skipLink = width && (i + 1) % width == 0 && i + 1 < n;
@@ -262,7 +265,7 @@ int pardisoSolverIC(int n, float *a, int *ia, int *ja, float *b, float * /*x*/, 
     if (!s.symbolic || !samePattern || s.linksLeftOut != leaveOut) {
         s.forget();
         if (w > 0) {
-            std::vector<Long> perm(n);
+            std::vector<Index> perm(n);
             if (leaveOut)
                 DiagonalDissection(w, n / w, perm.data());
             else
@@ -270,17 +273,17 @@ int pardisoSolverIC(int n, float *a, int *ia, int *ja, float *b, float * /*x*/, 
             c.nmethods = 1;
             c.method[0].ordering = CHOLMOD_GIVEN;
             c.postorder = 1;
-            s.symbolic = cholmod_l_analyze_p(call.a, perm.data(), nullptr, 0, &c);
+            s.symbolic = cholmod_analyze_p(call.a, perm.data(), nullptr, 0, &c);
         } else {
             c.nmethods = 0;  // CHOLMOD's own choice of ordering
-            s.symbolic = cholmod_l_analyze(call.a, &c);
+            s.symbolic = cholmod_analyze(call.a, &c);
         }
         if (!s.symbolic) {
-            if (c.status == CHOLMOD_OUT_OF_MEMORY) return 1;
+            if (c.status == CHOLMOD_OUT_OF_MEMORY || c.status == CHOLMOD_TOO_LARGE) return 1;
             throw "pardisoSolverIC - 11";
         }
         ++s.analyses;
-        s.lnz = c.lnz, s.flops = c.fl;
+        s.values = double(s.symbolic->xsize), s.flops = c.fl;
         s.ia.assign(ia, ia + n + 1);
         s.ja.assign(ja, ja + ia[n] - 1);
         s.width = w;
@@ -291,32 +294,32 @@ int pardisoSolverIC(int n, float *a, int *ia, int *ja, float *b, float * /*x*/, 
     // symbolic analysis stays between calls. After a failure it may have changed form, so
     // it is dropped.
     cholmod_factor *const L = s.symbolic;
-    int const factored = cholmod_l_factorize(call.a, L, &c);
-    bool const outOfMemory = c.status == CHOLMOD_OUT_OF_MEMORY;
+    int const factored = cholmod_factorize(call.a, L, &c);
+    bool const outOfMemory = c.status == CHOLMOD_OUT_OF_MEMORY || c.status == CHOLMOD_TOO_LARGE;
     if (!factored || c.status != CHOLMOD_OK || L->minor < size_t(n) || !L->is_super) {
         s.forget();
         if (outOfMemory) return 1;
         throw "pardisoSolverIC - 22";
     }
-    cholmod_l_free_sparse(&call.a, &c);
+    cholmod_free_sparse(&call.a, &c);
 
-    call.b = cholmod_l_allocate_dense(n, nrhs, n, CHOLMOD_REAL, &c);
+    call.b = cholmod_allocate_dense(n, nrhs, n, CHOLMOD_REAL, &c);
     if (call.b) {
         double *const bx = static_cast<double *>(call.b->x);
-        for (Long k = 0; k < Long(n) * nrhs; ++k)
+        for (std::size_t k = 0; k < std::size_t(n) * nrhs; ++k)
             bx[k] = b[k];
-        call.x = cholmod_l_solve(CHOLMOD_A, L, call.b, &c);
+        call.x = cholmod_solve(CHOLMOD_A, L, call.b, &c);
     }
     bool const solveOutOfMemory = !call.b || c.status == CHOLMOD_OUT_OF_MEMORY;
     bool const solved = call.x && c.status == CHOLMOD_OK;
-    if (!cholmod_l_change_factor(CHOLMOD_PATTERN, 1, 1, 1, 1, L, &c) || L->xtype != CHOLMOD_PATTERN)
+    if (!cholmod_change_factor(CHOLMOD_PATTERN, 1, 1, 1, 1, L, &c) || L->xtype != CHOLMOD_PATTERN)
         s.forget();
     if (!solved) {
         if (solveOutOfMemory) return 1;
         throw "pardisoSolverIC - 22";
     }
     double const *const xx = static_cast<double const *>(call.x->x);
-    for (Long k = 0; k < Long(n) * nrhs; ++k)
+    for (std::size_t k = 0; k < std::size_t(n) * nrhs; ++k)
         b[k] = float(xx[k]);
     return 0;
 }
@@ -327,10 +330,10 @@ long kxSparseAnalyses() {
     return s.analyses;
 }
 
-void kxSparseLastAnalysis(double &factorNonZeros, double &flops) {
+void kxSparseLastAnalysis(double &factorValues, double &flops) {
     Solver &s = solver();
     std::lock_guard<std::mutex> const guard(s.lock);
-    factorNonZeros = s.lnz, flops = s.flops;
+    factorValues = s.values, flops = s.flops;
 }
 
 void kxSparseForget() {

@@ -30,9 +30,10 @@ int pardisoSolverIC(int n, float *a, int *ia, int *ja, float *b, float *x, int n
 // How many symbolic analyses this process has run, for tests of the reuse.
 long kxSparseAnalyses();
 
-// The nonzeros of the factor and the floating-point operations of its factorisation, as the
-// last analysis counted them, for benchmarks.
-void kxSparseLastAnalysis(double &factorNonZeros, double &flops);
+// The values the factor of the last analysis holds (its supernodes, with the zeros they
+// take in to stay dense) and the floating-point operations of its factorisation, as counted
+// by that analysis, for benchmarks.
+void kxSparseLastAnalysis(double &factorValues, double &flops);
 
 // Drops the kept analysis, so that the next solve analyses its pattern anew (benchmarks of a
 // first call).
