@@ -31,6 +31,7 @@
 #include "kestrix1/filters/dt_filter.h"
 #include "kestrix1/filters/guided.h"
 #include "kestrix1/filters/local_filter.h"
+#include "kestrix1/filters/t_wls_filter.h"
 #include "kestrix1/filters/tg_filter.h"
 #include "kestrix1/frame/geometry.h"
 #include "kestrix1/frame/kestrix.h"

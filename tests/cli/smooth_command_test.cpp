@@ -69,7 +69,8 @@ TEST_P(SmoothRuns, SmoothsButKeepsTheEdgeItIsShown) {
 INSTANTIATE_TEST_SUITE_P(EachFilter, SmoothRuns,
                          testing::Values("--filter guided", "--filter dt",
                                          "--filter bilateral --sigma-s 8",
-                                         "--filter manifold --sigma-s 12 --sigma-r 0.15"));
+                                         "--filter manifold --sigma-s 12 --sigma-r 0.15",
+                                         "--filter wls"));
 
 // --time prints the program's line; the random manifolds repeat exactly from run to run; the
 // filter's defaults, and the wrong lines.
@@ -85,11 +86,15 @@ TEST(SmoothCommand, TimingRepeatsDefaultsAndWrongLines) {
 
     SmoothSettings const s = parseWith(addSmoothOptions, "smooth", "--filter bilateral");
     EXPECT_TRUE(s.sigmaS == 16.0f && s.sigmaR == 0.1f && s.radius == 0);
+    SmoothSettings const w = parseWith(addSmoothOptions, "smooth", "--filter wls --alpha 2");
+    EXPECT_TRUE(w.lambda == 0.5f && w.alpha == 2.0f);
 
     std::pair<char const *, char const *> const cases[] = {
         {"",
-         "kestrix smooth needs --filter guided, dt, bilateral or manifold (see kestrix "
+         "kestrix smooth needs --filter guided, dt, bilateral, manifold or wls (see kestrix "
          "smooth --help)"},
+        {"--filter dt --lambda 1",
+         "--lambda does not apply to --filter dt (see kestrix smooth --help)"},
         {"--filter dt --eps 0.1",
          "--eps does not apply to --filter dt (see kestrix smooth --help)"},
         {"--filter manifold --sigma-s 3.5",
@@ -98,6 +103,20 @@ TEST(SmoothCommand, TimingRepeatsDefaultsAndWrongLines) {
     };
     for (auto const &[line, message] : cases)
         EXPECT_EQ(usageErrorOf(addSmoothOptions, "smooth", line), message) << line;
+}
+
+// A photograph whose factor would not fit is refused with one line before any work.
+TEST(SmoothCommand, WlsRefusesWhatDoesNotFitInMemory) {
+    EXPECT_NO_THROW(requireWlsFits(1224, 816, 2e9));
+    std::string why;
+    try {
+        requireWlsFits(6000, 4000, 8e9);
+    } catch (FileError const &e) {
+        why = e.what();
+    }
+    EXPECT_EQ(why.substr(0, 68) + why.substr(why.size() - 86),
+              "the photograph is 6000 x 4000 pixels: --filter wls would need about  GB of memory, "
+              "more than this machine's 8.0 GB (try a smaller copy, or another filter)");
 }
 
 }  // namespace
