@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <mutex>
+#include <new>
 #include <vector>
 
+#include <omp.h>
 #include <suitesparse/cholmod.h>
 
 #include "kestrix1/frame/errors.h"
@@ -246,14 +248,10 @@ cholmod_sparse *lowerTriangle(int n, float const *a, int const *ia, int const *j
     return m;
 }
 
-}  // namespace
-
-int pardisoSolverIC(int n, float *a, int *ia, int *ja, float *b, float * /*x*/, int nrhs,
-                    int /*mtype*/) {
-    Solver &s = solver();
-    std::lock_guard<std::mutex> const guard(s.lock);
+// Analysis, factorisation and solve, with the solver's lock held.
+int solveLocked(Solver &s, int n, float const *a, int const *ia, int const *ja, float *b,
+                int nrhs) {
     cholmod_common &c = s.c;
-    kxRequire(validPattern(n, ia, ja) && nrhs >= 1 && a && b, "pardisoSolverIC - 11");
 
     bool const samePattern = s.samePattern(n, ia, ja);
     int const w = samePattern ? s.width : gridWidth(n, ia, ja);
@@ -322,6 +320,52 @@ int pardisoSolverIC(int n, float *a, int *ia, int *ja, float *b, float * /*x*/, 
     for (std::size_t k = 0; k < std::size_t(n) * nrhs; ++k)
         b[k] = float(xx[k]);
     return 0;
+}
+
+// Runs f() on one thread with every OpenMP region inside it serialised.
+//
+// The factorisation of a grid matrix is a long chain of small dense steps. CHOLMOD runs some
+// of its loops on a fixed team of four threads whatever the process's setting, and OpenBLAS
+// forks a team for each call above a small size; on two cores the forks and waits cost more
+// than they give (measured at 1 and 4 megapixels: one thread finishes first, and a busy
+// core makes the teams far slower still). So f runs as the work of one thread of an active
+// two-thread region, where nested regions get one thread each and OpenBLAS, seeing it is
+// called inside a parallel region, takes its single-thread path. The other thread has no
+// work and waits at the region's end. Nothing about the process's thread settings changes.
+// Exceptions cannot leave a parallel region, so a thrown text is carried out and thrown
+// again here.
+template <class F>
+int serialised(F &&f) {
+    if (omp_in_parallel() || omp_get_max_active_levels() > 1) return f();
+    int result = 0;
+    char const *thrown = nullptr;
+#pragma omp parallel num_threads(2)
+    if (omp_get_thread_num() == 0) {
+        try {
+            result = f();
+        } catch (char const *text) {
+            thrown = text;
+        }
+    }
+    if (thrown) throw thrown;
+    return result;
+}
+
+}  // namespace
+
+int pardisoSolverIC(int n, float *a, int *ia, int *ja, float *b, float * /*x*/, int nrhs,
+                    int /*mtype*/) {
+    Solver &s = solver();
+    std::lock_guard<std::mutex> const guard(s.lock);
+    kxRequire(validPattern(n, ia, ja) && nrhs >= 1 && a && b, "pardisoSolverIC - 11");
+    return serialised([&] {
+        try {
+            return solveLocked(s, n, a, ia, ja, b, nrhs);
+        } catch (std::bad_alloc const &) {
+            s.forget();  // the kept pattern may be half copied
+            return 1;
+        }
+    });
 }
 
 long kxSparseAnalyses() {

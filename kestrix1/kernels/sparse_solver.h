@@ -13,7 +13,8 @@
 // patterns get CHOLMOD's own ordering.
 //
 // The dense steps of the factorisation run on the system BLAS (OpenBLAS on OpenMP, see
-// scripts/install-deps.sh), with omp_get_max_threads() threads.
+// scripts/install-deps.sh), on the calling thread: the fronts of an image grid are too small
+// for a team of threads to pay for its forks and waits (see serialised() in the source).
 #pragma once
 
 // Solves A x = b for one right-hand side (nrhs 1) of a real symmetric positive definite matrix
