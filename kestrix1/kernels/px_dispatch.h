@@ -45,3 +45,15 @@ inline bool kxHasAvx512() {
 #else
 #define KX_HAVE_AVX2_PATHS 0
 #endif
+
+// Calls run(Ops{}) with the widest of three tables of vector operations that the CPU and the
+// vector limit allow. Where the library has no AVX paths only the last is looked at, so the
+// caller may name one portable table three times there.
+template <class Avx512Ops, class Avx2Ops, class BaseOps, class Run>
+void kxWidest(Run &&run) {
+#if KX_HAVE_AVX2_PATHS
+    if (kxHasAvx512()) return run(Avx512Ops{});
+    if (kxHasAvx2()) return run(Avx2Ops{});
+#endif
+    run(BaseOps{});
+}

@@ -94,6 +94,9 @@ struct Scalar {
         *cs = std::cos(v);
     }
 };
+using Avx512 = Scalar;
+using Avx2 = Scalar;
+using Sse = Scalar;
 #endif
 
 // Whole vectors in place; the last, partial one through a padded copy (padding 0, a value
@@ -126,20 +129,10 @@ void sinCosRun(double const *src, double *sn, double *cs, int n) {
     }
 }
 
-// Calls run(Ops{}) with the widest table that the CPU and the vector limit allow: the one
-// place where this file chooses.
+// The one place where this file chooses its table.
 template <class Run>
 void widest(Run &&run) {
-#if KX_HAVE_AVX2_PATHS
-    if (kxHasAvx512())
-        run(Avx512{});
-    else if (kxHasAvx2())
-        run(Avx2{});
-    else
-        run(Sse{});
-#else
-    run(Scalar{});
-#endif
+    kxWidest<Avx512, Avx2, Sse>(run);
 }
 
 }  // namespace

@@ -70,6 +70,9 @@ struct Scalar {
     static void ln(float const *s, float *d, double) { *d = float(std::log(double(*s))); }
     static void pow(float const *s, float *d, double e) { *d = float(std::pow(double(*s), e)); }
 };
+using Avx512 = Scalar;
+using Avx2 = Scalar;
+using Sse = Scalar;
 #endif
 
 // Whole vectors in place; the last, partial one through a padded copy (padding 1, a value
@@ -89,19 +92,10 @@ void unary(float const *a, float *y, int n, F f) {
     }
 }
 
-// Calls run(Ops{}) with the widest table that the CPU and the vector limit allow.
+// The one place where this file chooses its table.
 template <class Run>
 void widest(Run &&run) {
-#if KX_HAVE_AVX2_PATHS
-    if (kxHasAvx512())
-        run(Avx512{});
-    else if (kxHasAvx2())
-        run(Avx2{});
-    else
-        run(Sse{});
-#else
-    run(Scalar{});
-#endif
+    kxWidest<Avx512, Avx2, Sse>(run);
 }
 
 // The exact operations: plain loops the compiler vectorises, in an AVX2 copy as well. The
