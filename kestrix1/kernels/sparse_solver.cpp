@@ -1,6 +1,7 @@
 #include "kestrix1/kernels/sparse_solver.h"
 
 #include <algorithm>
+#include <cmath>
 #include <mutex>
 #include <new>
 #include <vector>
@@ -170,6 +171,7 @@ struct Solver {
     bool linksLeftOut = false;           // whether symbolic is for the grid without row links
     long analyses = 0;
     double values = 0, flops = 0;  // of the last analysis
+    double residual = 0;           // of the last solution, before its rounding to float
 
     Solver() {
         cholmod_start(&c);
@@ -248,6 +250,28 @@ cholmod_sparse *lowerTriangle(int n, float const *a, int const *ia, int const *j
     return m;
 }
 
+// |A x - b| / |b| in the 2-norm over all right-hand sides, with A's float values in double:
+// how well the factorisation solved the system given to it, apart from the rounding of the
+// result to float.
+double relativeResidual(int n, int nrhs, float const *a, int const *ia, int const *ja,
+                        double const *b, double const *x) {
+    double rr = 0, bb = 0;
+    std::vector<double> r(n);
+    for (int c = 0; c < nrhs; ++c, b += n, x += n) {
+        for (int i = 0; i < n; ++i)
+            r[i] = -b[i];
+        for (int i = 0; i < n; ++i)
+            for (int k = ia[i] - 1; k < ia[i + 1] - 1; ++k) {
+                int const j = ja[k] - 1;
+                r[i] += double(a[k]) * x[j];
+                if (j != i) r[j] += double(a[k]) * x[i];
+            }
+        for (int i = 0; i < n; ++i)
+            rr += r[i] * r[i], bb += b[i] * b[i];
+    }
+    return bb > 0 ? std::sqrt(rr / bb) : std::sqrt(rr);
+}
+
 // Analysis, factorisation and solve, with the solver's lock held.
 int solveLocked(Solver &s, int n, float const *a, int const *ia, int const *ja, float *b,
                 int nrhs) {
@@ -317,6 +341,7 @@ int solveLocked(Solver &s, int n, float const *a, int const *ia, int const *ja, 
         throw "pardisoSolverIC - 22";
     }
     double const *const xx = static_cast<double const *>(call.x->x);
+    s.residual = relativeResidual(n, nrhs, a, ia, ja, static_cast<double const *>(call.b->x), xx);
     for (std::size_t k = 0; k < std::size_t(n) * nrhs; ++k)
         b[k] = float(xx[k]);
     return 0;
@@ -378,6 +403,12 @@ void kxSparseLastAnalysis(double &factorValues, double &flops) {
     Solver &s = solver();
     std::lock_guard<std::mutex> const guard(s.lock);
     factorValues = s.values, flops = s.flops;
+}
+
+double kxSparseLastResidual() {
+    Solver &s = solver();
+    std::lock_guard<std::mutex> const guard(s.lock);
+    return s.residual;
 }
 
 void kxSparseForget() {

@@ -36,6 +36,10 @@ long kxSparseAnalyses();
 // by that analysis, for benchmarks.
 void kxSparseLastAnalysis(double &factorValues, double &flops);
 
+// |A x - b| / |b| (2-norm) of the last solution in double, before it was rounded to float,
+// for tests of the solve's accuracy.
+double kxSparseLastResidual();
+
 // Drops the kept analysis, so that the next solve analyses its pattern anew (benchmarks of a
 // first call).
 void kxSparseForget();
