@@ -105,6 +105,38 @@ TEST(SmoothCommand, TimingRepeatsDefaultsAndWrongLines) {
         EXPECT_EQ(usageErrorOf(addSmoothOptions, "smooth", line), message) << line;
 }
 
+// A whole photograph through --filter wls. The smoothing matrix's rows sum to one, so the
+// mean luminance stays. Fine texture falls by half or more, where a Gaussian blur (sigma 1)
+// takes a tenth of it; yet the strongest steps keep more of their height than under that
+// blur.
+TEST(SmoothCommand, WlsOnAPhotograph) {
+    TempDir dir;
+    std::string const in = std::string(KX_DATA_DIR) + "/coffee.png";
+    Outcome const r = kestrix(dir.path, "smooth '" + in + "' -o out.png --filter wls");
+    ASSERT_EQ(r.status, 0) << r.err;
+    cv::Mat const a = lumaOf(roundTrip(photo("coffee.png")));
+    cv::Mat const b = lumaOf(cv::imread(dir / "out.png", cv::IMREAD_UNCHANGED));
+    ASSERT_EQ(b.size(), a.size());
+    EXPECT_NEAR(cv::mean(b)[0], cv::mean(a)[0], 0.5);
+
+    auto gradient = [](cv::Mat const &y) {
+        cv::Mat gx, gy, g;
+        cv::Sobel(y, gx, CV_64F, 1, 0);
+        cv::Sobel(y, gy, CV_64F, 0, 1);
+        cv::magnitude(gx, gy, g);
+        return g;
+    };
+    cv::Mat const ga = gradient(a), texture = ga < 40, strong = ga > 400;
+    auto kept = [&](cv::Mat const &y, cv::Mat const &where) {
+        return cv::mean(gradient(y), where)[0] / cv::mean(ga, where)[0];
+    };
+    cv::Mat blurred;
+    cv::GaussianBlur(a, blurred, cv::Size(), 1.0);
+    EXPECT_LT(kept(b, texture), 0.6);
+    EXPECT_GT(kept(blurred, texture), 0.8);
+    EXPECT_GT(kept(b, strong), kept(blurred, strong));
+}
+
 // A photograph whose factor would not fit is refused with one line before any work.
 TEST(SmoothCommand, WlsRefusesWhatDoesNotFitInMemory) {
     EXPECT_NO_THROW(requireWlsFits(1224, 816, 2e9));
