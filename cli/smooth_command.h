@@ -1,6 +1,6 @@
 // `kestrix smooth`: edge-preserving smoothing of a photograph by one of the library's filters
 // (guided filter, domain transform, bilateral grid, adaptive manifolds, weighted least
-// squares), of its luminance
+// squares) or a plain box blur for comparison, of its luminance
 // alone or of each colour plane, along the edges of the photograph itself or of a second
 // picture of the same size (joint filtering).
 #pragma once
@@ -10,13 +10,13 @@
 #include "cli/frame.h"
 
 struct SmoothSettings {
-    enum class Filter { none, guided, dt, bilateral, manifold, wls };
+    enum class Filter { none, guided, dt, bilateral, manifold, wls, box };
     enum class Channels { y, rgb };
 
     Filter filter = Filter::none;
     Channels channels = Channels::y;
     // Negative until given; each filter then takes its own default (see resolveSmooth).
-    int radius = -1;    // guided: window radius in pixels
+    int radius = -1;    // guided: window radius in pixels; box: half the box's side
     float eps = -1;     // guided: regulariser, as a fraction of full scale (squared inside)
     float sigmaS = -1;  // dt, bilateral, manifold: spatial sigma in pixels
     float sigmaR = -1;  // dt, bilateral, manifold: range sigma, fraction of full scale

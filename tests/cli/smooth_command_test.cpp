@@ -8,6 +8,8 @@
 #include <string>
 
 #include "cli/smooth_command.h"
+#include "kestrix1/image/t_filter_box.h"
+#include "kestrix1/image/t_image.h"
 #include "tests/cli/cli_support.h"
 
 namespace {
@@ -91,8 +93,14 @@ TEST(SmoothCommand, TimingRepeatsDefaultsAndWrongLines) {
 
     std::pair<char const *, char const *> const cases[] = {
         {"",
-         "kestrix smooth needs --filter guided, dt, bilateral, manifold or wls (see kestrix "
+         "kestrix smooth needs --filter guided, dt, bilateral, manifold, wls or box (see kestrix "
          "smooth --help)"},
+        {"--filter box --sigma-r 0.1",
+         "--sigma-r does not apply to --filter box (see kestrix smooth --help)"},
+        {"--filter box --guide g.png",
+         "--guide does not apply to --filter box (see kestrix smooth --help)"},
+        {"--filter guided --radius 300",
+         "bad value '300' for --radius (--filter guided needs at most 200)"},
         {"--filter dt --lambda 1",
          "--lambda does not apply to --filter dt (see kestrix smooth --help)"},
         {"--filter dt --eps 0.1",
@@ -103,6 +111,26 @@ TEST(SmoothCommand, TimingRepeatsDefaultsAndWrongLines) {
     };
     for (auto const &[line, message] : cases)
         EXPECT_EQ(usageErrorOf(addSmoothOptions, "smooth", line), message) << line;
+}
+
+// --filter box blurs each colour plane of a 16-bit photograph as the library's box blur does,
+// here with a radius that blurs a reduced copy.
+TEST(SmoothCommand, BoxBlursEachPlane) {
+    TempDir dir;
+    cv::Mat const in = to16(crop(photo("rocket.jpg")));
+    ASSERT_TRUE(cv::imwrite(dir / "in.tif", in));
+    Outcome const r =
+        kestrix(dir.path, "smooth in.tif -o out.tif --filter box --radius 60 --channels rgb");
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::vector<cv::Mat> planes, got;
+    cv::split(in, planes);
+    cv::split(cv::imread(dir / "out.tif", cv::IMREAD_UNCHANGED), got);
+    for (int c = 0; c < 3; ++c) {
+        TImage a(TImage::Y16U, TSize(in.cols, in.rows)), b(TImage::Y16U, TSize(in.cols, in.rows));
+        a.fromMat(planes[c]);
+        tFilterBox(&a, &b, 60, 1, nullptr);
+        EXPECT_EQ(maxAbsDiff(b.toMat(), got[c]), 0) << c;
+    }
 }
 
 // A whole photograph through --filter wls. The smoothing matrix's rows sum to one, so the
@@ -126,7 +154,7 @@ TEST(SmoothCommand, WlsOnAPhotograph) {
         cv::magnitude(gx, gy, g);
         return g;
     };
-    cv::Mat const ga = gradient(a), texture = ga < 40, strong = ga > 400;
+    cv::Mat const ga = gradient(a), texture = ga<40, strong = ga> 400;
     auto kept = [&](cv::Mat const &y, cv::Mat const &where) {
         return cv::mean(gradient(y), where)[0] / cv::mean(ga, where)[0];
     };
