@@ -60,22 +60,30 @@ public:
 
     std::string make_help(CLI::App const *app, std::string, CLI::AppFormatMode) const override {
         bool const top = app->get_parent() == nullptr;
-        std::string out =
-            top ? "Usage: kestrix COMMAND [INPUT] [-o OUTPUT] [options]\n"
-                  "       kestrix --help | --version\n"
-                : "Usage: kestrix " + app->get_name() + " [INPUT] [-o OUTPUT] [options]\n";
-        std::string about = app->get_description();
-        for (Command const *c : commands_)
-            if (!top && c->name == app->get_name()) about = c->about;
-        out += "\n" + wrap(about, kHelpWidth) + "\n";
-
         auto inGroup = [app](std::string const &group, bool positional) {
             return app->get_options([&](CLI::Option const *o) {
                 return o->get_group() == group && o->get_positional() == positional;
             });
         };
-        for (CLI::Option const *o : inGroup("Options", true))
-            out += "\nArguments:\n" + make_option(o, true);
+        // A command's own arguments follow INPUT, which every command takes; INPUT may be left
+        // out only when nothing follows it.
+        std::vector<CLI::Option const *> const arguments = inGroup("Options", true);
+        std::string more;
+        for (CLI::Option const *o : arguments)
+            if (o->get_name() != "INPUT") more += " " + o->get_name();
+        std::string out = top ? "Usage: kestrix COMMAND [INPUT] [-o OUTPUT] [options]\n"
+                                "       kestrix --help | --version\n"
+                              : "Usage: kestrix " + app->get_name() +
+                                    (more.empty() ? " [INPUT]" : " INPUT") + more +
+                                    " [-o OUTPUT] [options]\n";
+        std::string about = app->get_description();
+        for (Command const *c : commands_)
+            if (!top && c->name == app->get_name()) about = c->about;
+        out += "\n" + wrap(about, kHelpWidth) + "\n";
+
+        if (!arguments.empty()) out += "\nArguments:\n";
+        for (CLI::Option const *o : arguments)
+            out += make_option(o, true);
         for (std::string const &group : app->get_groups()) {
             std::vector<CLI::Option const *> const options = inGroup(group, false);
             if (options.empty()) continue;
@@ -162,9 +170,9 @@ void addCommonFiles(CLI::App &app, Command const &command, CommonOptions &option
             : "where to write (default: " + command.name +
                   ".png, .tif or .jpg in the current folder, after the input's format); its "
                   "extension must name the input's format and it must not be the input";
-    addValue(app, "-o,--output", "FILE", where,
-             [&options](std::string const &v) { options.output = v; })
-        ->group("Files");
+    addValue(app, "-o,--output", "FILE", where, [&options](std::string const &v) {
+        options.output = v;
+    })->group("Files");
 }
 
 void addCommonReporting(CLI::App &app, CommonOptions &options) {
@@ -382,7 +390,9 @@ Job::~Job() {
     if (bar_.shown && bar_.percent >= 0) std::fputs("\n", stderr);
 }
 
-void Job::fill(TPImage &image) const { fillWorkingImage(photo_.bgr, image); }
+void Job::fill(TPImage &image) const {
+    fillWorkingImage(photo_.bgr, image);
+}
 
 void fillWorkingImage(cv::Mat const &bgr, TPImage &image) {
     if (bgr.depth() == CV_8U) {

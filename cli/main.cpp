@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/blend_command.h"
 #include "cli/color_command.h"
 #include "cli/detail_command.h"
 #include "cli/frame.h"
@@ -16,6 +17,6 @@
 int main(int argc, char **argv) {
     std::vector<Command const *> const commands = {&detailCommand, &smoothCommand, &localCommand,
                                                    &colorCommand,  &maskCommand,   &transferCommand,
-                                                   &histCommand};
+                                                   &histCommand,   &blendCommand};
     return runKestrix(commands, std::vector<std::string>(argv + 1, argv + argc), KESTRIX_VERSION);
 }
