@@ -46,6 +46,7 @@
 #include "kestrix1/hist/normalization.h"
 #include "kestrix1/hist/t_hist_draw.h"
 #include "kestrix1/image/blend.h"
+#include "kestrix1/image/color_management.h"
 #include "kestrix1/image/scaling.h"
 #include "kestrix1/image/t_filter_box.h"
 #include "kestrix1/image/t_image.h"
