@@ -9,6 +9,7 @@
 #include "cli/detail_command.h"
 #include "cli/frame.h"
 #include "cli/hist_command.h"
+#include "cli/icc_command.h"
 #include "cli/local_command.h"
 #include "cli/mask_command.h"
 #include "cli/smooth_command.h"
@@ -17,6 +18,6 @@
 int main(int argc, char **argv) {
     std::vector<Command const *> const commands = {&detailCommand, &smoothCommand, &localCommand,
                                                    &colorCommand,  &maskCommand,   &transferCommand,
-                                                   &histCommand,   &blendCommand};
+                                                   &histCommand,   &blendCommand,  &iccCommand};
     return runKestrix(commands, std::vector<std::string>(argv + 1, argv + argc), KESTRIX_VERSION);
 }
