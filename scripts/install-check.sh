@@ -123,7 +123,8 @@ echo "install-check: running the installed kestrix"
   fail "the installed kestrix detail did not run"
 [ -s "$work/detail.png" ] || fail "the installed kestrix detail wrote nothing"
 for line in "smooth --filter bilateral" "local --strength 0.2" \
-  "color --hue red=0.1 --saturation all=0.2 --warmth 0.2" "color --space hls --lightness blue=-0.2"; do
+  "color --hue red=0.1 --saturation all=0.2 --warmth 0.2" "color --space hls --lightness blue=-0.2" \
+  "icc --from srgb --to prophoto"; do
   # shellcheck disable=SC2086
   (cd "$work" && "$prefix/bin/kestrix" $line -q -o "$work/out.png") ||
     fail "the installed kestrix $line did not run"
