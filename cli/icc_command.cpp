@@ -3,6 +3,8 @@
 #include <lcms2.h>
 
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "kestrix1/image/color_management.h"
 
@@ -23,11 +25,12 @@ char const kAbout[] =
     "widened first (x 257). Every pixel goes through the profiles' own curves and matrices or "
     "tables, not through a coarser table made for speed, so that a conversion and its reverse "
     "give back the picture within a few codes of 65535; it takes about 150 ns a pixel on one "
-    "core, spread over all of them. A PNG or TIFF is written at 16 bits whatever the input's "
-    "depth; a "
-    "JPEG holds 8 bits only and is written at 8. A grey picture comes out as RGB; an alpha "
-    "channel is carried through. The output has no profile embedded: tag it as --to with "
-    "another tool if the programs that open it need to know.\n"
+    "core, spread over all of them.\n"
+    "\n"
+    "A PNG or TIFF is written at 16 bits whatever the input's depth; a JPEG holds 8 bits only "
+    "and is written at 8. A grey picture comes out as RGB; an alpha channel is carried "
+    "through. The output has no profile embedded: tag it as --to with another tool if the "
+    "programs that open it need to know.\n"
     "\n"
     "With no INPUT the sample photograph built into kestrix is used; with no -o the result goes "
     "to icc.png, icc.tif or icc.jpg after the input's format.";
