@@ -1,0 +1,216 @@
+// TPImage: edge planes and the rebuilding of full-size planes from half-size results.
+#include <cmath>
+#include <cstdint>
+#include <opencv2/core.hpp>
+
+#include "kestrix1/frame/errors.h"
+#include "kestrix1/image/scaling.h"
+#include "kestrix1/image/tp_image.h"
+#include "kestrix1/kernels/parallel.h"
+#include "kestrix1/kernels/px_filter.h"
+
+namespace {
+
+// The library's own storage for the two tables. The pointers below are constant-initialised
+// to it, so they are valid before any code runs, and the filler further down computes the
+// contents while the library is loaded.
+unsigned char g_fullToEdge[65536];
+unsigned short g_edgeToFull[256];
+
+}  // namespace
+
+unsigned char *TPImage::m_lutFullToEdge_p = g_fullToEdge;
+unsigned short *TPImage::m_lutEdgeToFull_p = g_edgeToFull;
+
+namespace {
+
+struct TableFiller : TPImage {
+    static int fill() {
+        computeLUT();
+        return 1;
+    }
+};
+
+// Runs at load time, before a host can reach any member.
+int const g_tablesFilled = TableFiller::fill();
+
+// Two pixels of replicated border around `in`, then the 5x5 Gaussian of the kernels into a
+// new plane of in's size and type (CV_8UC1 or CV_32FC1).
+template <class T>
+cv::Mat gauss5x5Replicated(cv::Mat const &in) {
+    cv::Mat padded;
+    cv::copyMakeBorder(in, padded, 2, 2, 2, 2, cv::BORDER_REPLICATE);
+    cv::Mat out(in.size(), in.type());
+    kxRequireStatus(pxFilterGauss5x5(padded.ptr<T>(2) + 2, int(padded.step), out.ptr<T>(),
+                                     int(out.step), IppiSize{in.cols, in.rows}),
+                    "ERROR - TPImage - gauss5x5");
+    return out;
+}
+
+std::uint16_t sat16(int v) {
+    return std::uint16_t(v < 0 ? 0 : (v > 65535 ? 65535 : v));
+}
+
+}  // namespace
+
+void TPImage::computeLUT() {
+    kxRequire(m_lutFullToEdge_p != nullptr && m_lutEdgeToFull_p != nullptr,
+              "ERROR - TPImage::computeLUT: LUT is not allocated.");
+    float const k = 0.7071f;
+    for (int v = 0; v < 65536; ++v) {
+        double const e = v < 32768 ? std::rint(128.0 - std::sqrt(double(32768 - v)) * k)
+                                   : std::rint(std::sqrt(double(v - 32768)) * k + 128.0);
+        m_lutFullToEdge_p[v] = cv::saturate_cast<unsigned char>(int(e));
+    }
+    for (int i = 0; i < 256; ++i) {
+        float const t = float(i < 128 ? 128 - i : i - 128) / k;
+        double const d = i < 128 ? 32768.0 - t * t : t * t + 32768.0;
+        // Entry 0 comes out slightly below zero and truncates to 0.
+        m_lutEdgeToFull_p[i] = sat16(int(d));
+    }
+}
+
+void TPImage::applyFullToEdgeLUT(cv::Mat const &in, cv::Mat &out) {
+    kxRequire(m_lutFullToEdge_p != nullptr, "ERROR - TPImage::applyFullToEdgeLUT: LUT is NULL.");
+    out.create(in.size(), CV_8UC1);
+    unsigned char const *lut = m_lutFullToEdge_p;
+    parallelRows(in.rows, std::int64_t(in.rows) * in.cols, [&](int y) {
+        std::uint16_t const *s = in.ptr<std::uint16_t>(y);
+        std::uint8_t *d = out.ptr<std::uint8_t>(y);
+        for (int x = 0; x < in.cols; ++x)
+            d[x] = lut[s[x]];
+    });
+}
+
+void TPImage::fullToEdge(cv::Mat const &full, cv::Mat const &low, cv::Mat &edge) {
+    cv::Mat up(full.size(), CV_16UC1);
+    if (low.data != nullptr && !low.empty()) {
+        upSize2X(low, up, 257);
+    } else {
+        cv::Mat halfPlane(half(full.rows), half(full.cols), CV_16UC1);
+        downSize2X(full, halfPlane, 257);
+        upSize2X(halfPlane, up, 257);
+    }
+    edge.create(full.size(), CV_8UC1);
+    unsigned char const *lut = m_lutFullToEdge_p;
+    parallelRows(full.rows, std::int64_t(full.rows) * full.cols, [&](int y) {
+        std::uint16_t const *f = full.ptr<std::uint16_t>(y);
+        std::uint16_t const *u = up.ptr<std::uint16_t>(y);
+        std::uint8_t *e = edge.ptr<std::uint8_t>(y);
+        for (int x = 0; x < full.cols; ++x)
+            e[x] = lut[(int(f[x]) - int(u[x])) / 2 + 32768];  // always within 1..65535
+    });
+}
+
+void TPImage::edgeToFull(cv::Mat const &edge, cv::Mat const &low, cv::Mat &full, float gain) {
+    full.create(edge.size(), CV_16UC1);
+    upSize2X(low, full, 257);
+    unsigned short const *lut = m_lutEdgeToFull_p;
+    std::int64_t const work = std::int64_t(edge.rows) * edge.cols;
+    if (std::fabs(gain - 1.0f) <= 0.01f) {
+        // Near enough to 1 to add the stored difference as it is, in integers.
+        parallelRows(edge.rows, work, [&](int y) {
+            std::uint8_t const *e = edge.ptr<std::uint8_t>(y);
+            std::uint16_t *f = full.ptr<std::uint16_t>(y);
+            for (int x = 0; x < edge.cols; ++x)
+                f[x] = sat16(int(f[x]) + int(lut[e[x]]) - 32768);
+        });
+        return;
+    }
+    parallelRows(edge.rows, work, [&](int y) {
+        std::uint8_t const *e = edge.ptr<std::uint8_t>(y);
+        std::uint16_t *f = full.ptr<std::uint16_t>(y);
+        for (int x = 0; x < edge.cols; ++x)
+            f[x] = cv::saturate_cast<std::uint16_t>(float(f[x]) +
+                                                    (float(lut[e[x]]) - 32768.0f) * gain);
+    });
+}
+
+cv::Mat TPImage::localGain(cv::Mat const &T, cv::Mat const &B, float epsilon) {
+    float const c = epsilon * 65535.0f;
+    int const rows = T.rows, cols = T.cols;
+    std::int64_t const work = std::int64_t(rows) * cols;
+    cv::Mat t, b;
+    T.convertTo(t, CV_32FC1);
+    B.convertTo(b, CV_32FC1);
+    // Products of the forward differences: x by x and y by y of T with itself and with B.
+    cv::Mat xx(rows, cols, CV_32FC1), yy(rows, cols, CV_32FC1);
+    cv::Mat xb(rows, cols, CV_32FC1), yb(rows, cols, CV_32FC1);
+    parallelRows(rows, work, [&](int y) {
+        float const *t0 = t.ptr<float>(y), *b0 = b.ptr<float>(y);
+        float const *t1 = y + 1 < rows ? t.ptr<float>(y + 1) : t0;
+        float const *b1 = y + 1 < rows ? b.ptr<float>(y + 1) : b0;
+        float *pxx = xx.ptr<float>(y), *pyy = yy.ptr<float>(y);
+        float *pxb = xb.ptr<float>(y), *pyb = yb.ptr<float>(y);
+        for (int x = 0; x < cols; ++x) {
+            float const dxT = x + 1 < cols ? t0[x + 1] - t0[x] : 0.0f;
+            float const dxB = x + 1 < cols ? b0[x + 1] - b0[x] : 0.0f;
+            float const dyT = t1[x] - t0[x], dyB = b1[x] - b0[x];  // 0 in the last row
+            pxx[x] = dxT * dxT;
+            pyy[x] = dyT * dyT;
+            pxb[x] = dxT * dxB;
+            pyb[x] = dyT * dyB;
+        }
+    });
+    cv::Mat const sxx = gauss5x5Replicated<float>(xx), syy = gauss5x5Replicated<float>(yy);
+    cv::Mat const sxb = gauss5x5Replicated<float>(xb), syb = gauss5x5Replicated<float>(yb);
+    cv::Mat gain(rows, cols, CV_32FC1);
+    parallelRows(rows, work, [&](int y) {
+        float const *a = sxx.ptr<float>(y), *d = syy.ptr<float>(y);
+        float const *p = sxb.ptr<float>(y), *q = syb.ptr<float>(y);
+        float *g = gain.ptr<float>(y);
+        for (int x = 0; x < cols; ++x)
+            g[x] = (p[x] + q[x] + c) / (a[x] + d[x] + c);
+    });
+    return gain;
+}
+
+void TPImage::edgeToFull(cv::Mat const &edge, cv::Mat const &source, cv::Mat const &changed,
+                         cv::Mat &full, float epsilon, float gain) {
+    full.create(edge.size(), changed.type());
+    cv::Mat gain8;
+    // 128/3 a unit: 1 is about 43 and 255 stands for about 5.98.
+    localGain(source, changed, epsilon).convertTo(gain8, CV_8UC1, 42.666666666666664);
+    cv::Mat W(edge.size(), CV_8UC1);
+    upSize2X(gauss5x5Replicated<std::uint8_t>(gain8), W, 2);
+    upSize2X(changed, full, 257);
+    float const s = gain * 0.0234375f;  // gain x 3/128: s x W is gain times the local gain
+    unsigned short const *lut = m_lutEdgeToFull_p;
+    parallelRows(edge.rows, std::int64_t(edge.rows) * edge.cols, [&](int y) {
+        std::uint8_t const *e = edge.ptr<std::uint8_t>(y);
+        std::uint8_t const *w = W.ptr<std::uint8_t>(y);
+        std::uint16_t *f = full.ptr<std::uint16_t>(y);
+        for (int x = 0; x < edge.cols; ++x)
+            f[x] = cv::saturate_cast<std::uint16_t>(float(f[x]) + (float(lut[e[x]]) - 32768.0f) *
+                                                                      s * float(w[x]));
+    });
+}
+
+void TPImage::reconstructFull(cv::Mat const &sourceIn, cv::Mat const &changed, cv::Mat result,
+                              float epsilon, float gain) {
+    // The source is read after result is first written: a result on the source's own pixels
+    // works on a copy.
+    cv::Mat const source = result.data == sourceIn.data ? sourceIn.clone() : sourceIn;
+    result.create(source.size(), source.type());
+    cv::Mat T(changed.size(), CV_16UC1);
+    downSize2X(source, T, 4);
+    cv::Mat gain8;
+    // 64 a unit: 1 is 64 and 255 stands for about 3.98; never below one half.
+    localGain(T, changed, epsilon).convertTo(gain8, CV_8UC1, 64.0);
+    cv::max(gain8, 32, gain8);
+    cv::Mat W(source.size(), CV_8UC1);
+    upSize2X(gain8, W, 2);
+    upSize2X(changed, result, 4);
+    cv::Mat V(source.size(), CV_16UC1);
+    upSize2X(T, V, 4);
+    float const s = gain * 0.015625f;  // gain / 64
+    parallelRows(source.rows, std::int64_t(source.rows) * source.cols, [&](int y) {
+        std::uint16_t const *src = source.ptr<std::uint16_t>(y);
+        std::uint16_t const *v = V.ptr<std::uint16_t>(y);
+        std::uint8_t const *w = W.ptr<std::uint8_t>(y);
+        std::uint16_t *r = result.ptr<std::uint16_t>(y);
+        for (int x = 0; x < source.cols; ++x)
+            r[x] = cv::saturate_cast<std::uint16_t>(float(r[x]) + (float(src[x]) - float(v[x])) *
+                                                                      s * float(w[x]));
+    });
+}
