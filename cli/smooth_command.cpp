@@ -301,6 +301,7 @@ void runSmooth(SmoothSettings const &s, Job &job) {
         case Filter::none:
             break;
     }
+    if (s.half) w.planes[0] = fullSizeFrom(image.m_Y, w.planes[0]);
     job.time("time to smooth: ", watch);
 
     if (rgb) {
@@ -312,7 +313,7 @@ void runSmooth(SmoothSettings const &s, Job &job) {
             photo.bgr = out;
         job.finish();
     } else {
-        image.m_Y = s.half ? fullSizeFrom(image.m_Y, w.planes[0]) : w.planes[0];
+        image.m_Y = w.planes[0];
         job.finish(image);
     }
 }
