@@ -1,4 +1,5 @@
 // TPImage: edge planes and the rebuilding of full-size planes from half-size results.
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <opencv2/core.hpp>
@@ -34,16 +35,16 @@ struct TableFiller : TPImage {
 // Runs at load time, before a host can reach any member.
 int const g_tablesFilled = TableFiller::fill();
 
-// Two pixels of replicated border around `in`, then the 5x5 Gaussian of the kernels into a
-// new plane of in's size and type (CV_8UC1 or CV_32FC1).
-template <class T>
+// Two pixels of replicated border around the 8-bit `in`, then the 5x5 Gaussian of the
+// kernels into a new plane of in's size.
 cv::Mat gauss5x5Replicated(cv::Mat const &in) {
     cv::Mat padded;
     cv::copyMakeBorder(in, padded, 2, 2, 2, 2, cv::BORDER_REPLICATE);
     cv::Mat out(in.size(), in.type());
-    kxRequireStatus(pxFilterGauss5x5(padded.ptr<T>(2) + 2, int(padded.step), out.ptr<T>(),
-                                     int(out.step), IppiSize{in.cols, in.rows}),
-                    "ERROR - TPImage - gauss5x5");
+    kxRequireStatus(
+        pxFilterGauss5x5(padded.ptr<std::uint8_t>(2) + 2, int(padded.step), out.ptr<std::uint8_t>(),
+                         int(out.step), IppiSize{in.cols, in.rows}),
+        "ERROR - TPImage - gauss5x5");
     return out;
 }
 
@@ -126,42 +127,79 @@ void TPImage::edgeToFull(cv::Mat const &edge, cv::Mat const &low, cv::Mat &full,
     });
 }
 
+namespace {
+
+// Work planes of one thread for localGain: the four products over a chunk of rows with two
+// replicated rows and columns around it, and their blurs.
+struct GainScratch {
+    cv::Mat product[4], blurred[4];
+};
+
+// Products of the forward differences of source row y (T with itself and with B, x by x and
+// y by y) into p[0..3] from column 0; 0 past the last column and row.
+void gainProducts(cv::Mat const &T, cv::Mat const &B, int y, float *const p[4]) {
+    int const cols = T.cols;
+    std::uint16_t const *t0 = T.ptr<std::uint16_t>(y), *b0 = B.ptr<std::uint16_t>(y);
+    bool const last = y + 1 == T.rows;
+    std::uint16_t const *t1 = last ? t0 : T.ptr<std::uint16_t>(y + 1);
+    std::uint16_t const *b1 = last ? b0 : B.ptr<std::uint16_t>(y + 1);
+    for (int x = 0; x < cols; ++x) {
+        float const dxT = x + 1 < cols ? float(t0[x + 1]) - float(t0[x]) : 0.0f;
+        float const dxB = x + 1 < cols ? float(b0[x + 1]) - float(b0[x]) : 0.0f;
+        float const dyT = float(t1[x]) - float(t0[x]), dyB = float(b1[x]) - float(b0[x]);
+        p[0][x] = dxT * dxT;
+        p[1][x] = dyT * dyT;
+        p[2][x] = dxT * dxB;
+        p[3][x] = dyT * dyB;
+    }
+}
+
+}  // namespace
+
+// The products are made and blurred a chunk of rows at a time in each thread's own small
+// planes, so that none of the four full-size product planes and their bordered copies is
+// ever allocated. Chunks are fixed, so pixels do not depend on the number of threads.
 cv::Mat TPImage::localGain(cv::Mat const &T, cv::Mat const &B, float epsilon) {
+    constexpr int kChunk = 32;
     float const c = epsilon * 65535.0f;
     int const rows = T.rows, cols = T.cols;
-    std::int64_t const work = std::int64_t(rows) * cols;
-    cv::Mat t, b;
-    T.convertTo(t, CV_32FC1);
-    B.convertTo(b, CV_32FC1);
-    // Products of the forward differences: x by x and y by y of T with itself and with B.
-    cv::Mat xx(rows, cols, CV_32FC1), yy(rows, cols, CV_32FC1);
-    cv::Mat xb(rows, cols, CV_32FC1), yb(rows, cols, CV_32FC1);
-    parallelRows(rows, work, [&](int y) {
-        float const *t0 = t.ptr<float>(y), *b0 = b.ptr<float>(y);
-        float const *t1 = y + 1 < rows ? t.ptr<float>(y + 1) : t0;
-        float const *b1 = y + 1 < rows ? b.ptr<float>(y + 1) : b0;
-        float *pxx = xx.ptr<float>(y), *pyy = yy.ptr<float>(y);
-        float *pxb = xb.ptr<float>(y), *pyb = yb.ptr<float>(y);
-        for (int x = 0; x < cols; ++x) {
-            float const dxT = x + 1 < cols ? t0[x + 1] - t0[x] : 0.0f;
-            float const dxB = x + 1 < cols ? b0[x + 1] - b0[x] : 0.0f;
-            float const dyT = t1[x] - t0[x], dyB = b1[x] - b0[x];  // 0 in the last row
-            pxx[x] = dxT * dxT;
-            pyy[x] = dyT * dyT;
-            pxb[x] = dxT * dxB;
-            pyb[x] = dyT * dyB;
-        }
-    });
-    cv::Mat const sxx = gauss5x5Replicated<float>(xx), syy = gauss5x5Replicated<float>(yy);
-    cv::Mat const sxb = gauss5x5Replicated<float>(xb), syb = gauss5x5Replicated<float>(yb);
     cv::Mat gain(rows, cols, CV_32FC1);
-    parallelRows(rows, work, [&](int y) {
-        float const *a = sxx.ptr<float>(y), *d = syy.ptr<float>(y);
-        float const *p = sxb.ptr<float>(y), *q = syb.ptr<float>(y);
-        float *g = gain.ptr<float>(y);
-        for (int x = 0; x < cols; ++x)
-            g[x] = (p[x] + q[x] + c) / (a[x] + d[x] + c);
-    });
+    if (rows < 1 || cols < 1) return gain;
+    auto make = [&] {
+        GainScratch g;
+        for (int i = 0; i < 4; ++i) {
+            g.product[i].create(kChunk + 4, cols + 4, CV_32FC1);
+            g.blurred[i].create(kChunk, cols, CV_32FC1);
+        }
+        return g;
+    };
+    parallelChunks(
+        rows, kChunk, std::int64_t(rows) * cols * 4, make, [&](GainScratch &g, int y0, int y1) {
+            for (int r = -2; r < y1 - y0 + 2; ++r) {
+                float *p[4];
+                for (int i = 0; i < 4; ++i)
+                    p[i] = g.product[i].ptr<float>(r + 2) + 2;
+                gainProducts(T, B, std::clamp(y0 + r, 0, rows - 1), p);
+                for (float *q : p) {  // two replicated columns on each side
+                    q[-2] = q[-1] = q[0];
+                    q[cols] = q[cols + 1] = q[cols - 1];
+                }
+            }
+            for (int i = 0; i < 4; ++i)
+                kxRequireStatus(pxFilterGauss5x5(g.product[i].ptr<float>(2) + 2,
+                                                 int(g.product[i].step), g.blurred[i].ptr<float>(),
+                                                 int(g.blurred[i].step), IppiSize{cols, y1 - y0}),
+                                "ERROR - TPImage - gauss5x5");
+            for (int y = y0; y < y1; ++y) {
+                float const *a = g.blurred[0].ptr<float>(y - y0),
+                            *d = g.blurred[1].ptr<float>(y - y0);
+                float const *p = g.blurred[2].ptr<float>(y - y0),
+                            *q = g.blurred[3].ptr<float>(y - y0);
+                float *out = gain.ptr<float>(y);
+                for (int x = 0; x < cols; ++x)
+                    out[x] = (p[x] + q[x] + c) / (a[x] + d[x] + c);
+            }
+        });
     return gain;
 }
 
@@ -172,7 +210,7 @@ void TPImage::edgeToFull(cv::Mat const &edge, cv::Mat const &source, cv::Mat con
     // 128/3 a unit: 1 is about 43 and 255 stands for about 5.98.
     localGain(source, changed, epsilon).convertTo(gain8, CV_8UC1, 42.666666666666664);
     cv::Mat W(edge.size(), CV_8UC1);
-    upSize2X(gauss5x5Replicated<std::uint8_t>(gain8), W, 2);
+    upSize2X(gauss5x5Replicated(gain8), W, 2);
     upSize2X(changed, full, 257);
     float const s = gain * 0.0234375f;  // gain x 3/128: s x W is gain times the local gain
     unsigned short const *lut = m_lutEdgeToFull_p;
