@@ -8,6 +8,7 @@
 #include "kestrix1/image/scaling.h"
 #include "kestrix1/image/tp_image.h"
 #include "kestrix1/kernels/parallel.h"
+#include "kestrix1/kernels/px_dispatch.h"
 #include "kestrix1/kernels/px_filter.h"
 
 namespace {
@@ -50,6 +51,39 @@ cv::Mat gauss5x5Replicated(cv::Mat const &in) {
 
 std::uint16_t sat16(int v) {
     return std::uint16_t(v < 0 ? 0 : (v > 65535 ? 65535 : v));
+}
+
+// x rounded to nearest, ties to even, and saturated to 0..65535: clamping first gives the same
+// result and lets the conversion run on whole vectors.
+inline std::uint16_t roundSat16(float x) {
+    return std::uint16_t(std::lrintf(std::min(std::max(x, 0.0f), 65535.0f)));
+}
+
+// The row loops of the rebuilding members. `delta` holds, for each edge value, what it adds
+// before any local weight, worked out once per call with the same operations a pixel would
+// do, so the results are the same as computing it pixel by pixel.
+KX_VECTOR_CLONES void addIntegerRow(std::uint16_t *f, std::uint8_t const *e, int const *delta,
+                                    int n) {
+    for (int x = 0; x < n; ++x)
+        f[x] = sat16(int(f[x]) + delta[e[x]]);
+}
+
+KX_VECTOR_CLONES void addFloatRow(std::uint16_t *f, std::uint8_t const *e, float const *delta,
+                                  int n) {
+    for (int x = 0; x < n; ++x)
+        f[x] = roundSat16(float(f[x]) + delta[e[x]]);
+}
+
+KX_VECTOR_CLONES void addWeightedRow(std::uint16_t *f, std::uint8_t const *e, std::uint8_t const *w,
+                                     float const *delta, int n) {
+    for (int x = 0; x < n; ++x)
+        f[x] = roundSat16(float(f[x]) + delta[e[x]] * float(w[x]));
+}
+
+KX_VECTOR_CLONES void addDetailRow(std::uint16_t *r, std::uint16_t const *src,
+                                   std::uint16_t const *v, std::uint8_t const *w, float s, int n) {
+    for (int x = 0; x < n; ++x)
+        r[x] = roundSat16(float(r[x]) + (float(src[x]) - float(v[x])) * s * float(w[x]));
 }
 
 }  // namespace
@@ -110,20 +144,19 @@ void TPImage::edgeToFull(cv::Mat const &edge, cv::Mat const &low, cv::Mat &full,
     std::int64_t const work = std::int64_t(edge.rows) * edge.cols;
     if (std::fabs(gain - 1.0f) <= 0.01f) {
         // Near enough to 1 to add the stored difference as it is, in integers.
+        int delta[256];
+        for (int i = 0; i < 256; ++i)
+            delta[i] = int(lut[i]) - 32768;
         parallelRows(edge.rows, work, [&](int y) {
-            std::uint8_t const *e = edge.ptr<std::uint8_t>(y);
-            std::uint16_t *f = full.ptr<std::uint16_t>(y);
-            for (int x = 0; x < edge.cols; ++x)
-                f[x] = sat16(int(f[x]) + int(lut[e[x]]) - 32768);
+            addIntegerRow(full.ptr<std::uint16_t>(y), edge.ptr<std::uint8_t>(y), delta, edge.cols);
         });
         return;
     }
+    float delta[256];
+    for (int i = 0; i < 256; ++i)
+        delta[i] = (float(lut[i]) - 32768.0f) * gain;
     parallelRows(edge.rows, work, [&](int y) {
-        std::uint8_t const *e = edge.ptr<std::uint8_t>(y);
-        std::uint16_t *f = full.ptr<std::uint16_t>(y);
-        for (int x = 0; x < edge.cols; ++x)
-            f[x] = cv::saturate_cast<std::uint16_t>(float(f[x]) +
-                                                    (float(lut[e[x]]) - 32768.0f) * gain);
+        addFloatRow(full.ptr<std::uint16_t>(y), edge.ptr<std::uint8_t>(y), delta, edge.cols);
     });
 }
 
@@ -213,14 +246,12 @@ void TPImage::edgeToFull(cv::Mat const &edge, cv::Mat const &source, cv::Mat con
     upSize2X(gauss5x5Replicated(gain8), W, 2);
     upSize2X(changed, full, 257);
     float const s = gain * 0.0234375f;  // gain x 3/128: s x W is gain times the local gain
-    unsigned short const *lut = m_lutEdgeToFull_p;
+    float delta[256];
+    for (int i = 0; i < 256; ++i)
+        delta[i] = (float(m_lutEdgeToFull_p[i]) - 32768.0f) * s;
     parallelRows(edge.rows, std::int64_t(edge.rows) * edge.cols, [&](int y) {
-        std::uint8_t const *e = edge.ptr<std::uint8_t>(y);
-        std::uint8_t const *w = W.ptr<std::uint8_t>(y);
-        std::uint16_t *f = full.ptr<std::uint16_t>(y);
-        for (int x = 0; x < edge.cols; ++x)
-            f[x] = cv::saturate_cast<std::uint16_t>(float(f[x]) + (float(lut[e[x]]) - 32768.0f) *
-                                                                      s * float(w[x]));
+        addWeightedRow(full.ptr<std::uint16_t>(y), edge.ptr<std::uint8_t>(y),
+                       W.ptr<std::uint8_t>(y), delta, edge.cols);
     });
 }
 
@@ -243,12 +274,7 @@ void TPImage::reconstructFull(cv::Mat const &sourceIn, cv::Mat const &changed, c
     upSize2X(T, V, 4);
     float const s = gain * 0.015625f;  // gain / 64
     parallelRows(source.rows, std::int64_t(source.rows) * source.cols, [&](int y) {
-        std::uint16_t const *src = source.ptr<std::uint16_t>(y);
-        std::uint16_t const *v = V.ptr<std::uint16_t>(y);
-        std::uint8_t const *w = W.ptr<std::uint8_t>(y);
-        std::uint16_t *r = result.ptr<std::uint16_t>(y);
-        for (int x = 0; x < source.cols; ++x)
-            r[x] = cv::saturate_cast<std::uint16_t>(float(r[x]) + (float(src[x]) - float(v[x])) *
-                                                                      s * float(w[x]));
+        addDetailRow(result.ptr<std::uint16_t>(y), source.ptr<std::uint16_t>(y),
+                     V.ptr<std::uint16_t>(y), W.ptr<std::uint8_t>(y), s, source.cols);
     });
 }
