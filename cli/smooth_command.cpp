@@ -296,7 +296,7 @@ void runSmooth(SmoothSettings const &s, Job &job) {
             runWls(p, w);
             break;
         case Filter::box:
-            runBox(s, w);
+            runBox(p, w);
             break;
         case Filter::none:
             break;
