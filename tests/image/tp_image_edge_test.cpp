@@ -1,5 +1,4 @@
-// Edge planes and full-size rebuilding: the tables at their stated values, each member against
-// plain loops (resampling through the scaling functions, tested on their own), the texts.
+// Edge planes and rebuilding: the tables, the texts, each member against plain loops.
 #include <gtest/gtest.h>
 #include <omp.h>
 #include <algorithm>
@@ -12,7 +11,6 @@
 #include "tests/support/throws.h"
 
 namespace {
-
 struct Edge : TPImage {  // reaches the protected members
     using TPImage::applyFullToEdgeLUT, TPImage::computeLUT, TPImage::edgeToFull;
     using TPImage::fullToEdge, TPImage::localGain, TPImage::reconstructFull;
@@ -63,9 +61,8 @@ TEST(TPImageEdge, TablesHoldTheirValuesAndTheTextsAreThrown) {
               "ERROR - TPImage::computeLUT: LUT is not allocated.");
     Edge::m_lutEdgeToFull_p = inverse;
     Edge::computeLUT();  // again, with the same tables as filled at load time:
-    // 0 is rint(128 - 127.9986) and inverse 0 is -0.63 truncated.
     EXPECT_TRUE(fwd(32768) == 128 && fwd(0) == 0 && fwd(65535) == 255 && inv(128) == 32768);
-    EXPECT_EQ(inv(0), 0);
+    EXPECT_EQ(inv(0), 0);              // -0.63 truncated
     for (int v = 0; v < 65536; ++v) {  // the whole forward table
         double const r = std::sqrt(std::abs(v - 32768.0)) * 0.7071f;
         ASSERT_EQ(fwd(v), std::clamp(std::rint(v < 32768 ? 128.0 - r : r + 128.0), 0.0, 255.0));
@@ -74,8 +71,7 @@ TEST(TPImageEdge, TablesHoldTheirValuesAndTheTextsAreThrown) {
         ASSERT_LE(std::abs(inv(fwd(32768 + d)) - 32768 - d), 1.415 * std::sqrt(std::abs(d)) + 1.5);
 }
 
-// The edge plane with and without a half plane, and the simple rebuild on both paths: 1.005
-// in integers, 1.02 in single precision.
+// The edge plane with and without a half plane; the simple rebuild in integers near 1.
 TEST(TPImageEdge, EdgePlaneAndSimpleRebuild) {
     cv::Mat const full = kxtest::noise(23, 37, CV_16U, 1, 0, 65536), low = resized(full, {}, 257);
     cv::Mat out, edge, up;
@@ -96,15 +92,12 @@ TEST(TPImageEdge, EdgePlaneAndSimpleRebuild) {
     }
 }
 
-// Both rebuilds that follow the local gain, as by hand. An unchanged plane has a gain of
-// exactly 1 and gives back the source; a tenfold local gain saturates at 255 (3.98).
+// An unchanged plane has a gain of exactly 1; a tenfold one saturates at 255 (3.98).
 TEST(TPImageEdge, LocalGainAndTheStructureFollowingRebuilds) {
-    cv::Mat const source = kxtest::noise(23, 37, CV_16U, 3, 20000, 58000),
-                  T = resized(source, {}, 4);
+    cv::Mat const src = kxtest::noise(23, 37, CV_16U, 3, 2e4, 58e3), T = resized(src, {}, 4);
     cv::Mat const B = T / 2 + kxtest::noise(12, 19, CV_16U, 9, 16000, 19000);
-    cv::Mat const faint = kxtest::noise(23, 37, CV_16U, 4, 32000, 34000),
-                  fT = resized(faint, {}, 4);
-    cv::Mat const sources[] = {source, faint, source}, changed[] = {T, fT * 10 - 297000, B};
+    cv::Mat const dim = kxtest::noise(23, 37, CV_16U, 4, 32e3, 34e3), dT = resized(dim, {}, 4);
+    cv::Mat const sources[] = {src, dim, src}, changed[] = {T, dT * 10 - 297000, B};
     float const epsilons[] = {0.5f, 1e-6f, 0.01f}, gains[] = {1.0f, 0.7f, 1.5f};
     for (int i : {0, 1, 2}) {  // unchanged at gain 1, tenfold at 0.7, changed
         cv::Mat const &s = sources[i], &c = changed[i], h = resized(s, {}, 4);
@@ -137,5 +130,4 @@ TEST(TPImageEdge, LocalGainAndTheStructureFollowingRebuilds) {
         EXPECT_EQ(cv::norm(r[0], r[n / 2], cv::NORM_INF), 0) << n;
     }
 }
-
 }  // namespace
