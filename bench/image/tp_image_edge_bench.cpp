@@ -1,6 +1,6 @@
 // Edge planes and full-size rebuilding on the 24-megapixel luminance, each beside upSize2X of
 // the same half-size plane to full size with the member's own enlargement (the pyramid method
-// 257 for the edge members, cubic for reconstructFull): the part of the work every rebuild
+// 257 for the edge members, cubic for reconstructFull): the share of the work every rebuild
 // has to do, so the ratio says what the rest costs on top.
 #include <opencv2/core.hpp>
 
