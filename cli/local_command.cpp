@@ -2,6 +2,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "cli/half_size.h"
 #include "kestrix1/filters/local_filter.h"
 #include "kestrix1/image/tp_image.h"
 
@@ -87,23 +88,24 @@ void runLocal(LocalSettings const &s, Job &job) {
     job.time("time to set up: ", watch);
 
     watch = Stopwatch();
-    cv::Mat result(image.m_Y.size(), CV_16UC1);
+    cv::Mat const in = s.half ? halfSizeOf(image.m_Y) : image.m_Y;
+    cv::Mat result(in.size(), CV_16UC1);
     bool done = false;
     switch (s.variant) {
         case Variant::cv:
-            done = filter.proc3(image.m_Y, result, job.progress());
+            done = filter.proc3(in, result, job.progress());
             break;
         case Variant::simple:
-            done = filter.proc4(image.m_Y, result, job.progress());
+            done = filter.proc4(in, result, job.progress());
             break;
         case Variant::table:
-            done = filter.proc5(image.m_Y, result, job.progress());
+            done = filter.proc5(in, result, job.progress());
             break;
     }
     if (!done) throw FileError("cancelled");
+    image.m_Y = s.half ? fullSizeFrom(image.m_Y, result) : result;
     job.time("time to filter: ", watch);
 
-    image.m_Y = result;
     job.finish(image);
 }
 
@@ -188,6 +190,7 @@ void addLocalOptions(CLI::App &app, LocalSettings &s) {
                      badValue("--variant", v, "cv, simple or table");
              })
         ->group("Method");
+    addHalfOption(app, s.half)->group("Method");
     app.final_callback([&s] { resolveLocal(s); });
 }
 

@@ -18,6 +18,7 @@ struct LocalSettings {
     float params[4] = {};      // the four-parameter table form, each -1 .. 1
     int levels = 0;            // grey levels of the reference pyramids; 0 until given
     Variant variant = Variant::table;
+    bool half = false;  // a preview: the luminance filtered at half size, then rebuilt
 };
 
 // Reads "x:g,x:g,..." into settings.curve: x rising strictly inside 0 .. 1, g in 0 .. 4.

@@ -7,6 +7,7 @@
 #include <sstream>
 #include <vector>
 
+#include "cli/half_size.h"
 #include "kestrix1/filters/a_filter.h"
 #include "kestrix1/filters/bilateral_filter.h"
 #include "kestrix1/filters/dt_filter.h"
@@ -273,29 +274,34 @@ void runSmooth(SmoothSettings const &s, Job &job) {
     if (!rgb && guideBgr.empty()) w.luma = cv::Mat();
 
     Stopwatch watch;
+    if (s.half)  // the luminance alone, at half size, and its guide with it
+        for (cv::Mat *m : {&w.planes[0], &w.guides[0], &w.luma})
+            if (!m->empty()) *m = halfSizeOf(*m);
+    SmoothSettings const p = s.half ? halfSizeSettings(s, infoOf(s.filter).leastSigmaS) : s;
     TProgress &progress = *job.progress();
     switch (s.filter) {
         case Filter::guided:
-            runGuided(s, w);
+            runGuided(p, w);
             break;
         case Filter::dt:
-            runDt(s, w);
+            runDt(p, w);
             break;
         case Filter::bilateral:
-            if (!runBilateral(s, w, progress)) throw FileError("cancelled");
+            if (!runBilateral(p, w, progress)) throw FileError("cancelled");
             break;
         case Filter::manifold:
-            runManifold(s, w);
+            runManifold(p, w);
             break;
         case Filter::wls:
-            runWls(s, w);
+            runWls(p, w);
             break;
         case Filter::box:
-            runBox(s, w);
+            runBox(p, w);
             break;
         case Filter::none:
             break;
     }
+    if (s.half) w.planes[0] = fullSizeFrom(image.m_Y, w.planes[0]);
     job.time("time to smooth: ", watch);
 
     if (rgb) {
@@ -344,6 +350,10 @@ void resolveSmooth(SmoothSettings &s) {
     if (!guided && !box && s.radius >= 0) misplaced("--radius");
     if (box && !s.guide.empty()) misplaced("--guide");
     if (!guided && s.eps >= 0) misplaced("--eps");
+    if (s.half && s.channels == Channels::rgb)
+        throw UsageError(
+            "--half works on the luminance only: it does not apply to --channels rgb (see "
+            "kestrix smooth --help)");
     if (s.sigmaS >= 0 && s.sigmaS < f.leastSigmaS) {
         std::ostringstream text;
         text << "bad value '" << s.sigmaS << "' for --sigma-s (--filter " << f.name
@@ -422,6 +432,7 @@ void addSmoothOptions(CLI::App &app, SmoothSettings &s) {
                  s.channels = v == "y" ? Channels::y : Channels::rgb;
              })
         ->group("What is smoothed");
+    addHalfOption(app, s.half)->group("What is smoothed");
     app.final_callback([&s] { resolveSmooth(s); });
 }
 

@@ -23,6 +23,7 @@ struct SmoothSettings {
     float lambda = -1;  // wls: strength of the smoothing
     float alpha = -1;   // wls: how sharply the smoothing stops at a step of the log luminance
     std::string guide;  // a picture of the input's size whose edges steer the filter
+    bool half = false;  // a preview: the luminance filtered at half size, then rebuilt
 };
 
 // Checks that every given parameter belongs to the chosen filter and fills in the filter's

@@ -221,6 +221,89 @@ public:
     // 0 below edge0, 1 from edge1 on, else t^2 (3 - 2t) with t = (x - edge0) / (edge1 - edge0).
     static float smoothstep(float edge0, float edge1, float x);
 
+protected:
+    // ---- edge and full reconstruction ----------------------------------------------------
+    // Slow effects can run on a half-size Y and have the fine detail put back afterwards.
+    // An "edge" plane is a full-size CV_8UC1 plane holding what a full-size 16-bit plane has
+    // beyond its half-size version (its difference from the half-size plane enlarged again),
+    // companded so that it costs a quarter of the two planes it replaces; "full" is the
+    // full-size CV_16UC1 plane. All other planes here are CV_16UC1; "half size" is in the
+    // sense of half(). Sizes are trusted: nothing is checked beyond what upSize2X and
+    // downSize2X check. Loops are parallel over rows with a static schedule and give the same
+    // pixels at any number of threads.
+    //
+    // The companding tables are shared by the whole process. The library owns static storage
+    // for them and fills it while it is loaded, so they exist before a host can call any
+    // member. A derived host class may point the two pointers at tables of its own (65536
+    // bytes and 256 shorts) and call computeLUT, or set them to null, which the two checks
+    // below report. Nothing writes the tables after set-up; computeLUT must not run while any
+    // other member here does.
+
+    // Forward table: difference value (0..65535, neutral 32768) to edge value (0..255,
+    // neutral 128), following the square root of the distance from neutral so that small
+    // differences, the common ones, keep their precision.
+    static unsigned char *m_lutFullToEdge_p;
+    // Inverse table: edge value back to a difference value.
+    static unsigned short *m_lutEdgeToFull_p;
+
+    // Fills both tables, with k = 0.7071f: forward v < 32768 -> rint(128 - sqrt(32768 - v) k),
+    // v >= 32768 -> rint(sqrt(v - 32768) k + 128), saturated to 0..255; inverse i < 128 ->
+    // trunc(32768 - t^2) with t = (128 - i) / k, i >= 128 -> trunc(t^2 + 32768) with
+    // t = (i - 128) / k. Calling it again gives the same tables. Throws
+    // "ERROR - TPImage::computeLUT: LUT is not allocated." when a table pointer is null.
+    static void computeLUT();
+
+    // out = forward table of the 16-bit `in`, pixel by pixel; out is (re)created as CV_8UC1
+    // at in's size unless it already is so. Throws
+    // "ERROR - TPImage::applyFullToEdgeLUT: LUT is NULL." when the forward table is null.
+    static void applyFullToEdgeLUT(cv::Mat const &in, cv::Mat &out);
+
+    // Makes the edge plane of `full`: U = upSize2X(low, 257) when `low` holds pixels, else
+    // `full` reduced and enlarged again with method 257; then, in integers,
+    // edge = forward[sat16((full - U) / 2 + 32768)], the division truncating towards zero.
+    // edge is (re)created as CV_8UC1 at full's size unless it already is so.
+    static void fullToEdge(cv::Mat const &full, cv::Mat const &low, cv::Mat &edge);
+
+    // Rebuilds a full plane from the edge plane and a half-size plane with one gain:
+    // full = upSize2X(low, 257) + (inverse[edge] - 32768) x gain, saturated. The halving in
+    // fullToEdge is not undone, so a gain of 1 puts back half the difference and 2 all of it.
+    // Within 0.01 of 1 the gain is taken as exactly 1 and the sum is done in integers (the
+    // fast path); otherwise in single precision, rounded to nearest. full is (re)created as
+    // CV_16UC1 at edge's size unless it already is so.
+    static void edgeToFull(cv::Mat const &edge, cv::Mat const &low, cv::Mat &full, float gain);
+
+    // Rebuilds a full plane from the edge plane, the half-size `source` the edge plane was
+    // made from and the half-size `changed` result of an effect, with a gain that follows the
+    // local structure (see localGain): 1 where the effect left gradients alone, towards 0
+    // where it flattened them, above 1 where it strengthened them. The local gain is stored
+    // in 8 bits at 128/3 a unit (1 is about 43, the most about 5.98), smoothed by the 5x5
+    // Gaussian over a replicated border of 2 pixels, enlarged linearly to W; then
+    // full = sat(rint(upSize2X(changed, 257) + (inverse[edge] - 32768) x (gain x 0.0234375)
+    // x W)) in single precision. full is (re)created at edge's size and changed's type unless
+    // it already is so.
+    static void edgeToFull(cv::Mat const &edge, cv::Mat const &source, cv::Mat const &changed,
+                           cv::Mat &full, float epsilon, float gain);
+
+    // The same task with the true detail of the full-size `source` in place of a stored edge
+    // plane: T = downSize2X(source, 4) (cubic), the local gain of T and `changed` stored in
+    // 8 bits at 64 a unit (1 is 64, the most about 3.98) and raised to at least 32 (never
+    // below one half), enlarged linearly to W; V = upSize2X(T, 4);
+    // result = sat(rint(upSize2X(changed, 4) + (source - V) x (gain x 0.015625) x W)) in
+    // single precision. With no edge plane there is no halving: where the local gain is 1,
+    // a gain of 1 puts back all of the source's detail, and an unchanged `changed` (equal to
+    // T) gives back `source` itself. result is taken by value and shares the caller's pixels
+    // (it may be `source` itself); it is (re)created at source's size and type unless it
+    // already is so (a reallocated result is then not seen by the caller).
+    static void reconstructFull(cv::Mat const &source, cv::Mat const &changed, cv::Mat result,
+                                float epsilon, float gain);
+
+    // The local gain of two same-size half planes T (source) and B (changed), CV_32FC1:
+    // (S(Dx T Dx B) + S(Dy T Dy B) + c) / (S(Dx T Dx T) + S(Dy T Dy T) + c) with
+    // c = epsilon x 65535, Dx, Dy forward differences (0 in the last column, row) and S the
+    // 5x5 Gaussian over a replicated border of 2 pixels. Flat planes give exactly 1.
+    static cv::Mat localGain(cv::Mat const &T, cv::Mat const &B, float epsilon);
+
+public:
     // ---- data ----------------------------------------------------------------------------
 
     cv::Mat m_Y;          // CV_16UC1, width x height, 0..65535

@@ -108,6 +108,9 @@ TEST(SmoothCommand, TimingRepeatsDefaultsAndWrongLines) {
         {"--filter manifold --sigma-s 3.5",
          "bad value '3.5' for --sigma-s (--filter manifold needs at least 4)"},
         {"--filter dt --channels lab", "bad value 'lab' for --channels (expected y or rgb)"},
+        {"--filter dt --half --channels rgb",
+         "--half works on the luminance only: it does not apply to --channels rgb (see kestrix "
+         "smooth --help)"},
     };
     for (auto const &[line, message] : cases)
         EXPECT_EQ(usageErrorOf(addSmoothOptions, "smooth", line), message) << line;
