@@ -113,6 +113,7 @@ TEST_P(HalfRuns, PreviewIsNearTheFullRun) {
 }
 
 INSTANTIATE_TEST_SUITE_P(SlowFilters, HalfRuns,
-                         testing::Values("local --strength 0.3", "smooth --filter wls"));
+                         testing::Values("local --strength 0.3", "smooth --filter wls",
+                                         "smooth --filter box --radius 20"));
 
 }  // namespace

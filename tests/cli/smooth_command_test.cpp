@@ -8,8 +8,6 @@
 #include <string>
 
 #include "cli/smooth_command.h"
-#include "kestrix1/image/t_filter_box.h"
-#include "kestrix1/image/t_image.h"
 #include "tests/cli/cli_support.h"
 
 namespace {
@@ -114,26 +112,6 @@ TEST(SmoothCommand, TimingRepeatsDefaultsAndWrongLines) {
     };
     for (auto const &[line, message] : cases)
         EXPECT_EQ(usageErrorOf(addSmoothOptions, "smooth", line), message) << line;
-}
-
-// --filter box blurs each colour plane of a 16-bit photograph as the library's box blur does,
-// here with a radius that blurs a reduced copy.
-TEST(SmoothCommand, BoxBlursEachPlane) {
-    TempDir dir;
-    cv::Mat const in = to16(crop(photo("rocket.jpg")));
-    ASSERT_TRUE(cv::imwrite(dir / "in.tif", in));
-    Outcome const r =
-        kestrix(dir.path, "smooth in.tif -o out.tif --filter box --radius 60 --channels rgb");
-    ASSERT_EQ(r.status, 0) << r.err;
-    std::vector<cv::Mat> planes, got;
-    cv::split(in, planes);
-    cv::split(cv::imread(dir / "out.tif", cv::IMREAD_UNCHANGED), got);
-    for (int c = 0; c < 3; ++c) {
-        TImage a(TImage::Y16U, TSize(in.cols, in.rows)), b(TImage::Y16U, TSize(in.cols, in.rows));
-        a.fromMat(planes[c]);
-        tFilterBox(&a, &b, 60, 1, nullptr);
-        EXPECT_EQ(maxAbsDiff(b.toMat(), got[c]), 0) << c;
-    }
 }
 
 // A whole photograph through --filter wls. The smoothing matrix's rows sum to one, so the
