@@ -96,9 +96,8 @@ TEST(LocalCommand, FormsLevelsAndWrongLines) {
 
 class HalfRuns : public testing::TestWithParam<char const *> {};
 
-// --half: far nearer the full result than that is to the input (0.4 if enlarged). Its
-// speed is measured by hand on large photographs: on these small ones starting the program
-// takes most of the time.
+// --half: far nearer the full result than that is to the input (0.4 if enlarged). Its speed
+// shows only on photographs larger than these.
 TEST_P(HalfRuns, PreviewIsNearTheFullRun) {
     TempDir dir;
     cv::Mat const in = to16(photo("astronaut.png"));

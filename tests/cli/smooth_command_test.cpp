@@ -95,8 +95,6 @@ TEST(SmoothCommand, TimingRepeatsDefaultsAndWrongLines) {
          "smooth --help)"},
         {"--filter box --sigma-r 0.1",
          "--sigma-r does not apply to --filter box (see kestrix smooth --help)"},
-        {"--filter box --guide g.png",
-         "--guide does not apply to --filter box (see kestrix smooth --help)"},
         {"--filter guided --radius 300",
          "bad value '300' for --radius (--filter guided needs at most 200)"},
         {"--filter dt --lambda 1",

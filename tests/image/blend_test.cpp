@@ -40,9 +40,11 @@ TEST_P(BlendAlpha, MatchesThePlainFormula) {
                                                 : reference<float>(b, t, mask, opacity, mode);
         for (int threads : {1, 2, 4}) {
             omp_set_num_threads(threads);
-            cv::Mat out;
+            cv::Mat out, same = b.clone();  // and in place over the base
             blendAlpha(b, t, mask, out, opacity, mode);
-            EXPECT_EQ(cv::norm(out, want, cv::NORM_INF), 0) << opacity << " " << threads;
+            blendAlpha(same, t, mask, same, opacity, mode);
+            EXPECT_EQ(cv::norm(out, want, cv::NORM_INF) + cv::norm(same, want, cv::NORM_INF), 0)
+                << opacity << " " << threads;
         }
     }
     omp_set_num_threads(omp_get_num_procs());
@@ -64,13 +66,10 @@ TEST(Blend, TextsWhatIsLeftAloneAndBytes) {
               "ERROR - blendAlpha - in0 type");
     EXPECT_EQ(blend(a, b, cv::Mat(5, 6, CV_8UC1)),
               "ERROR - blendAlpha - mask must be empty or CV_8UC1 of in0's size");
-    // Empty inputs and unknown modes write nothing; darken in place changes where in1 is darker.
+    // Empty inputs and unknown modes write nothing.
     blendAlpha(cv::Mat(), b, cv::Mat(), out, 0.5f, 0);
     blendAlpha(a, b, cv::Mat(), out = cv::Mat(5, 7, CV_16UC1, cv::Scalar(7)), 0.5f, 3);
-    cv::Mat base = (cv::Mat_<ushort>(1, 3) << 100, 200, 300);
-    blendAlpha(base, cv::Mat_<ushort>({1, 3}, {300, 100, 300}), cv::Mat(), base, 0.5f, 1);
-    EXPECT_TRUE(cv::countNonZero(out != 7) == 0 && base.at<ushort>(1) == 150 &&
-                base.at<ushort>(0) == 100 && base.at<ushort>(2) == 300);
+    EXPECT_EQ(cv::countNonZero(out != 7), 0);
     // Bytes: halves to even, saturated, each buffer with its own step.
     unsigned char const in[2][4] = {{0, 1, 3, 5}, {100, 200, 255, 7}};
     unsigned char got[2][3] = {}, want[2][3] = {{0, 0, 2}, {50, 100, 255}};
