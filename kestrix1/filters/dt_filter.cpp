@@ -9,6 +9,8 @@
 #include <limits>
 #include <type_traits>
 
+#include <opencv2/core/hal/intrin.hpp>
+
 #include "kestrix1/frame/errors.h"
 #include "kestrix1/kernels/parallel.h"
 #include "kestrix1/kernels/px_point.h"
@@ -22,11 +24,23 @@ char const kNoGuides[] = "ERROR - DTFilter::proc - guides.empty()";
 constexpr double kSqrt3 = 1.7320508075688772;
 constexpr double kSqrt2 = 1.4142135623730951;
 
-// Floats per row of a column strip in the vertical passes: a strip of the whole image height
-// stays in the core's cache between the downward and the upward sweep.
-constexpr int kStripFloats = 128;
-// Columns per strip of the vertical normalised pass, gathered into transposed rows.
+// Columns per strip of the vertical recursive pass: a strip's weights and pixels over the
+// whole image height stay in the core's cache between the downward and the upward sweep.
+constexpr int kStripCols = 64;
+// Columns per strip of the vertical normalised pass, whose walks run together.
 constexpr int kNcStrip = 16;
+
+// Every row of a plane, handed out to the threads sixteen rows at a time as they become
+// free. Every loop of the filters runs this way or by parallelRuns: a photo editor shares
+// the machine, and a static split would leave the whole loop waiting for a thread whose core
+// something else has taken.
+template <class Body>
+void eachRow(int rows, std::int64_t work, Body &&body) {
+    parallelRuns(rows, 16, work, [&](int y0, int y1) {
+        for (int y = y0; y < y1; ++y)
+            body(y);
+    });
+}
 
 // base^e by repeated squaring in double; a negative exponent gives the reciprocal.
 double powi(double base, int e) {
@@ -87,7 +101,7 @@ inline float gradientTerm(float d) {
 template <int CH, bool Square>
 void domainPlanes(cv::Mat const &g, int chRun, float ratio, cv::Mat &dx, cv::Mat &dy) {
     int const rows = g.rows, cols = g.cols, ch = CH ? CH : chRun;
-    parallelRows(rows, std::int64_t(rows) * cols * ch, [&](int y) {
+    eachRow(rows, std::int64_t(rows) * cols * ch, [&](int y) {
         float *ox = dx.ptr<float>(y);
         float *oy = dy.ptr<float>(y);
         if (y == rows - 1) {
@@ -120,7 +134,7 @@ void domainPlanes(cv::Mat const &g, int chRun, float ratio, cv::Mat &dx, cv::Mat
 template <bool Square>
 void guideGradientSums(std::vector<cv::Mat> const &guides, cv::Mat &Sx, cv::Mat &Sy) {
     int const rows = Sx.rows, cols = Sx.cols;
-    parallelRows(rows, std::int64_t(rows) * cols * std::int64_t(guides.size()), [&](int y) {
+    eachRow(rows, std::int64_t(rows) * cols * std::int64_t(guides.size()), [&](int y) {
         float *sx = Sx.ptr<float>(y);
         float *sy = Sy.ptr<float>(y);
         std::fill(sx, sx + cols, 0.0f);
@@ -142,7 +156,7 @@ void guideGradientSums(std::vector<cv::Mat> const &guides, cv::Mat &Sx, cv::Mat 
 
 // S * ratio + 1, in place.
 void sumToDomain(cv::Mat &S, float ratio) {
-    parallelRows(S.rows, std::int64_t(S.rows) * S.cols, [&](int y) {
+    eachRow(S.rows, std::int64_t(S.rows) * S.cols, [&](int y) {
         float *s = S.ptr<float>(y);
         for (int x = 0; x < S.cols; ++x)
             s[x] = s[x] * ratio + 1.0f;
@@ -215,7 +229,7 @@ void rowsPass(cv::Mat const &src, cv::Mat &dst, cv::Mat const &D, float factor, 
     constexpr int G = groupRows(CH);
     int const rows = src.rows, cols = src.cols, ch = src.channels();
     int const groups = (rows + G - 1) / G;
-    parallelBands(groups, std::int64_t(rows) * cols * (ch + 8), [&](int g0, int g1) {
+    parallelRuns(groups, 4, std::int64_t(rows) * cols * (ch + 8), [&](int g0, int g1) {
         float *prod = scratch + perThread * std::size_t(omp_get_thread_num());
         float *w = prod + std::size_t(G) * cols;
         for (int g = g0; g < g1; ++g) {
@@ -248,8 +262,18 @@ void rowsPass(cv::Mat const &src, cv::Mat &dst, cv::Mat const &D, float factor, 
     });
 }
 
+// Floats of scratch per thread for colsPass: a strip's weights, and one row of exponents.
 std::size_t colsScratch(int rows) {
-    return 2 * std::size_t(rows) * std::size_t(kStripFloats);
+    return (std::size_t(rows) + 1) * std::size_t(kStripCols);
+}
+
+// Rows ahead of the current one whose strip segment the vertical passes fetch: a strip reads
+// a short segment of every row, which the processor's own prefetching does not foresee.
+constexpr int kRowsAhead = 8;
+
+inline void prefetchSegment(float const *p, int floats) {
+    for (int i = 0; i < floats; i += 16)
+        __builtin_prefetch(p + i);
 }
 
 // The vertical pass in place, in strips of columns of the whole height: each strip's
@@ -259,24 +283,25 @@ template <int CH>
 void colsPass(cv::Mat &img, cv::Mat const &D, float factor, float *scratch, std::size_t perThread) {
     int const rows = img.rows, cols = img.cols, ch = CH ? CH : img.channels();
     if (rows < 2) return;
-    int const stripCols = std::max(1, kStripFloats / ch);
+    int const stripCols = kStripCols;
     int const strips = (cols + stripCols - 1) / stripCols;
-    parallelBands(strips, std::int64_t(rows) * cols * (ch + 8), [&](int s0, int s1) {
-        float *prod = scratch + perThread * std::size_t(omp_get_thread_num());
-        float *w = prod + std::size_t(rows) * kStripFloats;
+    parallelRuns(strips, 1, std::int64_t(rows) * cols * (ch + 8), [&](int s0, int s1) {
+        float *w = scratch + perThread * std::size_t(omp_get_thread_num());
+        float *prod = w + std::size_t(rows) * kStripCols;
         for (int s = s0; s < s1; ++s) {
-            int const x0 = s * stripCols, n = std::min(stripCols, cols - x0);
+            int const x0 = s * stripCols, n = std::min(stripCols, cols - x0), width = n * ch;
             for (int y = 1; y < rows; ++y) {
                 float const *d = D.ptr<float>(y) + x0;
-                float *p = prod + std::size_t(y) * n;
+                if (y + kRowsAhead < rows) prefetchSegment(d + kRowsAhead * D.step1(), n);
                 for (int i = 0; i < n; ++i)
-                    p[i] = d[i] * factor;
+                    prod[i] = d[i] * factor;
+                pxExpRun(prod, w + std::size_t(y) * n, n);
             }
-            pxExpRun(prod + n, w + n, (rows - 1) * n);
             for (int y = 1; y < rows; ++y) {
                 float *p = img.ptr<float>(y) + std::size_t(x0) * ch;
                 float const *q = img.ptr<float>(y - 1) + std::size_t(x0) * ch;
                 float const *wy = w + std::size_t(y) * n;
+                if (y + kRowsAhead < rows) prefetchSegment(p + kRowsAhead * img.step1(), width);
                 for (int i = 0; i < n; ++i)
                     for (int c = 0; c < ch; ++c)
                         p[i * ch + c] += (q[i * ch + c] - p[i * ch + c]) * wy[i];
@@ -295,181 +320,170 @@ void colsPass(cv::Mat &img, cv::Mat const &D, float factor, float *scratch, std:
 
 // ---- normalised convolution ----------------------------------------------------------------
 
-// Rows of the normalised pass are handled in groups: the walks of several rows interleave,
-// so the processor overlaps their load-compare chains.
+// Rows of the horizontal pass are walked in groups, and columns of the vertical pass in
+// strips: the walks of several lines interleave, so the processor overlaps their chains of
+// loads and compares.
 constexpr int kNcGroup = 4;
+// Pixels of a row whose means are divided together, through a buffer that stays in the
+// first-level cache: the divisions then run by vector.
+constexpr int kNcChunk = 256;
 
-// The window ends of G rows of n samples, where row r has the positions pos[r] (n + 1 of
-// them, the last +infinity): lo is the first index whose position exceeds pos[x] - radius,
-// hi the first whose position exceeds pos[x] + radius. Each end walks forward from the
-// previous pixel's, a merge of linear cost. Ends mostly move by a step or two per pixel, by
-// amounts that follow the image: two steps are taken without branching, and the loops
-// finish the rare longer moves, which keeps the walk clear of mispredicted branches.
-template <int G>
-void ncWindows(float const *const *pos, int n, float radius, int *const *lo, int *const *hi) {
-    int j[G] = {}, k[G] = {};
-    for (int x = 0; x < n; ++x)
-        for (int r = 0; r < G; ++r) {
-            float const *p = pos[r];
-            float const lower = p[x] - radius, upper = p[x] + radius;
-            for (int step = 0; step < 2; ++step) {
-                j[r] += int(j[r] < n) & int(!(p[j[r]] > lower));
-                k[r] += int(k[r] < n) & int(!(p[k[r]] > upper));
-            }
-            while (j[r] < n && !(p[j[r]] > lower))
-                ++j[r];
-            while (k[r] < n && !(p[k[r]] > upper))
-                ++k[r];
-            lo[r][x] = j[r];
-            hi[r][x] = k[r];
-        }
+// Position lines carry this many +infinity sentinels after their n samples, so that a window
+// end at n may still read a whole vector of them.
+constexpr int kPosTail = 4;
+// How far ahead of its pixels, in samples, the vertical pass fetches a line's positions.
+constexpr int kAhead = 128;
+
+// The first index at or after j whose position exceeds bound, or n if none does: the same
+// answer as stepping one sample at a time, found a vector of positions at once. A window end
+// mostly moves by a few samples per pixel, by amounts that follow the image, so one compare
+// usually settles it without a branch to mispredict.
+inline int firstAbove(float const *p, int j, int n, float bound) {
+    cv::v_float32x4 const b = cv::v_setall_f32(bound);
+    for (;;) {
+        int const mask = cv::v_signmask(cv::v_load(p + j) > b);
+        // The sentinels exceed any bound that a sample of the line exceeds, so a hit is at n
+        // at the latest.
+        if (mask) return j + __builtin_ctz(unsigned(mask));
+        j += 4;
+        if (j >= n) return n;
+    }
 }
 
-// dst[x] = (sum of src over [lo[x], hi[x])) / (hi[x] - lo[x]) per channel, through the
-// running sums sat ((n + 1) * ch floats). dst may be src.
+// One pixel of a line: its window [lo, hi) is the samples whose position lies strictly above
+// at - radius and at most at + radius, found by moving the previous pixel's ends forward (a
+// merge of linear cost). Writes, per channel, the window's sum from the running sums sat
+// (entry m * satStep + c: the sum of the first m samples) and its sample count; the mean is
+// their quotient. The count is exact, as window ends stay far below 2^24.
 template <int CH>
-void ncMeans(float const *src, float *dst, int n, int chRun, float *sat, int const *lo,
-             int const *hi) {
-    int const ch = CH ? CH : chRun;
-    for (int c = 0; c < ch; ++c)
-        sat[c] = 0.0f;
-    for (int x = 0; x < n; ++x)
-        for (int c = 0; c < ch; ++c)
-            sat[(x + 1) * ch + c] = sat[x * ch + c] + src[x * ch + c];
-    for (int x = 0; x < n; ++x) {
-        // Exact: window ends stay far below 2^24.
-        float const count = float(hi[x]) - float(lo[x]);
-        float const *a = sat + std::size_t(hi[x]) * ch;
-        float const *b = sat + std::size_t(lo[x]) * ch;
-        for (int c = 0; c < ch; ++c)
-            dst[x * ch + c] = (a[c] - b[c]) / count;
+inline void ncWindow(float const *pos, int n, float at, float radius, int &lo, int &hi,
+                     float const *sat, std::size_t satStep, int ch, float *num, float *cnt) {
+    lo = firstAbove(pos, lo, n, at - radius);
+    hi = firstAbove(pos, hi, n, at + radius);
+    float const count = float(hi) - float(lo);
+    float const *a = sat + std::size_t(hi) * satStep;
+    float const *b = sat + std::size_t(lo) * satStep;
+    for (int c = 0; c < (CH ? CH : ch); ++c) {
+        num[c] = a[c] - b[c];
+        cnt[c] = count;
     }
 }
 
-// Normalises up to kNcGroup lines of n samples in place or from src to dst: line r has
-// positions pos[r] (n + 1 each, the last +infinity).
-template <int CH>
-void ncLines(int lines, float const *const *pos, float const *const *src, float *const *dst, int n,
-             int ch, float radius, float *sat, int *index) {
-    int *lo[kNcGroup], *hi[kNcGroup];
-    for (int r = 0; r < kNcGroup; ++r) {
-        lo[r] = index + 2 * std::size_t(r) * std::size_t(n);
-        hi[r] = lo[r] + n;
-    }
-    if (lines == kNcGroup) {
-        ncWindows<kNcGroup>(pos, n, radius, lo, hi);
-    } else {
-        for (int r = 0; r < lines; ++r)
-            ncWindows<1>(pos + r, n, radius, lo + r, hi + r);
-    }
-    for (int r = 0; r < lines; ++r)
-        ncMeans<CH>(src[r], dst[r], n, ch, sat, lo[r], hi[r]);
+inline void divide(float const *num, float const *cnt, float *out, int n) {
+    for (int e = 0; e < n; ++e)
+        out[e] = num[e] / cnt[e];
 }
 
-std::size_t ncIndexScratch(int n) {
-    return 2 * std::size_t(kNcGroup) * std::size_t(n);
-}
-
+// Floats of scratch per thread for the horizontal pass: the group's position lines with their
+// sentinels, its running sums, and the numerators and counts of one chunk.
 std::size_t ncRowsScratch(int cols, int ch) {
-    return (std::size_t(cols) + 1) * std::size_t(kNcGroup + ch);
+    return std::size_t(kNcGroup) * (std::size_t(cols + kPosTail) +
+                                    (std::size_t(cols) + 1 + 2 * kNcChunk) * std::size_t(ch));
+}
+
+// G rows of n pixels from src into dst (which may be src): pos[r] holds row r's positions
+// with their sentinels, sat[r] room for its running sums, num and cnt room for a chunk.
+template <int CH, int G>
+void ncRowGroup(float const *const *pos, float const *const *src, float *const *dst, int n,
+                int chRun, float radius, float *const *sat, float *num, float *cnt) {
+    int const ch = CH ? CH : chRun;
+    for (int r = 0; r < G; ++r) {
+        std::fill(sat[r], sat[r] + ch, 0.0f);
+        for (int e = 0; e < n * ch; ++e)
+            sat[r][e + ch] = sat[r][e] + src[r][e];
+    }
+    int lo[G] = {}, hi[G] = {};
+    std::size_t const chunk = std::size_t(kNcChunk) * ch;
+    for (int x0 = 0; x0 < n; x0 += kNcChunk) {
+        int const m = std::min(kNcChunk, n - x0);
+        for (int x = 0; x < m; ++x)
+#pragma GCC unroll 8
+            for (int r = 0; r < G; ++r)
+                ncWindow<CH>(pos[r], n, pos[r][x0 + x], radius, lo[r], hi[r], sat[r], ch, ch,
+                             num + r * chunk + x * ch, cnt + r * chunk + x * ch);
+        for (int r = 0; r < G; ++r)
+            divide(num + r * chunk, cnt + r * chunk, dst[r] + std::size_t(x0) * ch, m * ch);
+    }
 }
 
 // The horizontal normalised pass, src into dst, ct the row-wise cumulative domain.
 template <int CH>
 void ncRowsPass(cv::Mat const &src, cv::Mat &dst, cv::Mat const &ct, float radius, float *scratch,
-                std::size_t perThread, int *index) {
+                std::size_t perThread) {
     int const rows = src.rows, cols = src.cols, ch = src.channels();
     int const groups = (rows + kNcGroup - 1) / kNcGroup;
-    parallelBands(groups, std::int64_t(rows) * cols * (ch + 8), [&](int g0, int g1) {
-        int const t = omp_get_thread_num();
-        float *posBuf = scratch + perThread * std::size_t(t);
-        float *sat = posBuf + std::size_t(kNcGroup) * (cols + 1);
-        int *idx = index + ncIndexScratch(cols) * std::size_t(t);
-        float const *pos[kNcGroup];
-        float const *s[kNcGroup];
-        float *d[kNcGroup];
+    std::size_t const line = std::size_t(cols) + kPosTail, sums = (std::size_t(cols) + 1) * ch;
+    parallelRuns(groups, 8, std::int64_t(rows) * cols * (ch + 8), [&](int g0, int g1) {
+        float *buf = scratch + perThread * std::size_t(omp_get_thread_num());
+        float *num = buf + (line + sums) * kNcGroup,
+              *cnt = num + std::size_t(kNcChunk) * ch * kNcGroup;
+        float const *pos[kNcGroup], *s[kNcGroup];
+        float *d[kNcGroup], *sat[kNcGroup];
         for (int r = 0; r < kNcGroup; ++r) {
-            float *p = posBuf + std::size_t(r) * (cols + 1);
-            p[cols] = std::numeric_limits<float>::infinity();
+            float *p = buf + line * r;
+            std::fill(p + cols, p + line, std::numeric_limits<float>::infinity());
             pos[r] = p;
+            sat[r] = buf + line * kNcGroup + sums * r;
         }
         for (int g = g0; g < g1; ++g) {
             int const y0 = g * kNcGroup, lines = std::min(kNcGroup, rows - y0);
             for (int r = 0; r < lines; ++r) {
-                std::memcpy(posBuf + std::size_t(r) * (cols + 1), ct.ptr<float>(y0 + r),
-                            sizeof(float) * std::size_t(cols));
+                std::memcpy(buf + line * r, ct.ptr<float>(y0 + r), sizeof(float) * cols);
                 s[r] = src.ptr<float>(y0 + r);
                 d[r] = dst.ptr<float>(y0 + r);
             }
-            ncLines<CH>(lines, pos, s, d, cols, ch, radius, sat, idx);
+            if (lines == kNcGroup) {
+                ncRowGroup<CH, kNcGroup>(pos, s, d, cols, ch, radius, sat, num, cnt);
+            } else {
+                for (int r = 0; r < lines; ++r)
+                    ncRowGroup<CH, 1>(pos + r, s + r, d + r, cols, ch, radius, sat + r, num, cnt);
+            }
         }
     });
 }
 
+// Floats of scratch per thread for the vertical pass: a strip's running sums, and the
+// numerators and counts of one of its rows.
 std::size_t ncColsScratch(int rows, int ch) {
-    return (std::size_t(rows) + 1) * std::size_t(kNcStrip) * std::size_t(ch + 1);
+    return (std::size_t(rows) + 3) * std::size_t(kNcStrip) * std::size_t(ch);
 }
 
-std::size_t ncColsIndexScratch(int rows) {
-    return 2 * std::size_t(rows) * std::size_t(kNcStrip);
-}
-
-// The vertical normalised pass in place, ct the column-wise cumulative domain, through
-// strips of kNcStrip columns. Only the positions are gathered into lines, for the walks of
-// ncWindows; the running sums and the means run along contiguous row segments.
+// The vertical normalised pass in place, in strips of kNcStrip columns. ctT holds the
+// column-wise cumulative domain transposed, one column's positions per row, each followed by
+// its sentinels. A strip's running sums are made down its rows and its means written back a
+// row segment at a time; the column walks of a strip interleave.
 template <int CH>
-void ncColsPass(cv::Mat &img, cv::Mat const &ct, float radius, float *scratch,
-                std::size_t perThread, int *index) {
+void ncColsPass(cv::Mat &img, cv::Mat const &ctT, float radius, float *scratch,
+                std::size_t perThread) {
     int const rows = img.rows, cols = img.cols, ch = CH ? CH : img.channels();
     int const strips = (cols + kNcStrip - 1) / kNcStrip;
-    std::size_t const line = std::size_t(rows) + 1;
-    parallelBands(strips, std::int64_t(rows) * cols * (ch + 8), [&](int s0, int s1) {
-        int const t = omp_get_thread_num();
-        float *posBuf = scratch + perThread * std::size_t(t);
-        float *sat = posBuf + line * kNcStrip;
-        int *idx = index + ncColsIndexScratch(rows) * std::size_t(t);
-        float const *pos[kNcStrip];
-        int *lo[kNcStrip], *hi[kNcStrip];
-        for (int i = 0; i < kNcStrip; ++i) {
-            posBuf[i * line + rows] = std::numeric_limits<float>::infinity();
-            pos[i] = posBuf + i * line;
-            lo[i] = idx + std::size_t(2 * i) * rows;
-            hi[i] = lo[i] + rows;
-        }
+    parallelRuns(strips, 2, std::int64_t(rows) * cols * (ch + 8), [&](int s0, int s1) {
+        float *sat = scratch + perThread * std::size_t(omp_get_thread_num());
+        float *num = sat + (std::size_t(rows) + 1) * kNcStrip * ch, *cnt = num + kNcStrip * ch;
         for (int s = s0; s < s1; ++s) {
             int const x0 = s * kNcStrip, n = std::min(kNcStrip, cols - x0), width = n * ch;
-            for (int y = 0; y < rows; ++y) {
-                float const *q = ct.ptr<float>(y) + x0;
-                for (int i = 0; i < n; ++i)
-                    posBuf[i * line + y] = q[i];
-            }
-            for (int i = 0; i < n; i += kNcGroup) {
-                if (n - i >= kNcGroup) {
-                    ncWindows<kNcGroup>(pos + i, rows, radius, lo + i, hi + i);
-                } else {
-                    for (int r = i; r < n; ++r)
-                        ncWindows<1>(pos + r, rows, radius, lo + r, hi + r);
-                }
-            }
             std::fill(sat, sat + width, 0.0f);
             for (int y = 0; y < rows; ++y) {
                 float const *p = img.ptr<float>(y) + std::size_t(x0) * ch;
+                if (y + 8 < rows) __builtin_prefetch(p + 8 * img.step1());
                 float const *above = sat + std::size_t(y) * width;
                 float *below = sat + std::size_t(y + 1) * width;
                 for (int e = 0; e < width; ++e)
                     below[e] = above[e] + p[e];
             }
+            int lo[kNcStrip] = {}, hi[kNcStrip] = {};
             for (int y = 0; y < rows; ++y) {
-                float *p = img.ptr<float>(y) + std::size_t(x0) * ch;
+                // The strip's lines are read as that many streams from memory: ask for each
+                // one's data well before its windows reach it.
+                if (y % 16 == 0 && y + kAhead < rows)
+                    for (int i = 0; i < n; ++i)
+                        __builtin_prefetch(ctT.ptr<float>(x0 + i) + y + kAhead);
                 for (int i = 0; i < n; ++i) {
-                    int const l = lo[i][y], h = hi[i][y];
-                    // Exact: window ends stay far below 2^24.
-                    float const count = float(h) - float(l);
-                    float const *a = sat + std::size_t(h) * width + i * ch;
-                    float const *b = sat + std::size_t(l) * width + i * ch;
-                    for (int c = 0; c < ch; ++c)
-                        p[i * ch + c] = (a[c] - b[c]) / count;
+                    float const *pos = ctT.ptr<float>(x0 + i);
+                    ncWindow<CH>(pos, rows, pos[y], radius, lo[i], hi[i], sat + i * ch, width, ch,
+                                 num + i * ch, cnt + i * ch);
                 }
+                divide(num, cnt, img.ptr<float>(y) + std::size_t(x0) * ch, width);
             }
         }
     });
@@ -477,7 +491,7 @@ void ncColsPass(cv::Mat &img, cv::Mat const &ct, float radius, float *scratch,
 
 // Cumulative sums of the domain: along each row in place, and down each column in place.
 void cumulateRows(cv::Mat &d) {
-    parallelRows(d.rows, std::int64_t(d.rows) * d.cols, [&](int y) {
+    eachRow(d.rows, std::int64_t(d.rows) * d.cols, [&](int y) {
         float *p = d.ptr<float>(y);
         for (int x = 1; x < d.cols; ++x)
             p[x] += p[x - 1];
@@ -492,6 +506,17 @@ void cumulateCols(cv::Mat &d) {
             for (int x = x0; x < x1; ++x)
                 p[x] += q[x];
         }
+    });
+}
+
+// The column positions of ct as lines: row x of ctT holds column x of ct, followed by
+// kPosTail sentinels, so that the vertical walks read contiguous positions.
+void transposePositions(cv::Mat const &ct, cv::Mat &ctT) {
+    ctT.create(ct.cols, ct.rows + kPosTail, CV_32FC1);
+    ctT.colRange(ct.rows, ctT.cols).setTo(std::numeric_limits<float>::infinity());
+    parallelRuns(ct.rows, 256, std::int64_t(ct.rows) * ct.cols, [&](int y0, int y1) {
+        cv::Mat part = ctT(cv::Rect(y0, 0, y1 - y0, ct.cols));
+        cv::transpose(ct.rowRange(y0, y1), part);
     });
 }
 
@@ -655,12 +680,6 @@ float *DTFilter::scratch(std::size_t perThread) {
     return m_scratch.data();
 }
 
-int *DTFilter::indexScratch(std::size_t perThread) {
-    std::size_t const need = perThread * std::size_t(std::max(1, omp_get_max_threads()));
-    if (m_index.size() < need) m_index.resize(need);
-    return m_index.data();
-}
-
 void DTFilter::domain(cv::Mat const &guide, float ratio) {
     m_dx.create(guide.size(), CV_32FC1);
     m_dy.create(guide.size(), CV_32FC1);
@@ -753,9 +772,8 @@ void DTFilter::NC(cv::Mat &img, cv::Mat const &ct, float radius) {
     int const ch = img.channels();
     std::size_t const perThread = ncRowsScratch(img.cols, ch);
     float *buffer = scratch(perThread);
-    int *index = indexScratch(ncIndexScratch(img.cols));
     withChannels(ch, [&](auto c) {
-        ncRowsPass<decltype(c)::value>(img, img, ct, radius, buffer, perThread, index);
+        ncRowsPass<decltype(c)::value>(img, img, ct, radius, buffer, perThread);
     });
 }
 
@@ -763,21 +781,21 @@ void DTFilter::NCF(cv::Mat const &in, cv::Mat &out, float sigmaS_, float sigmaR_
     domain(in, sigmaS_ / sigmaR_);
     cumulateRows(m_dx);
     cumulateCols(m_dy);
+    transposePositions(m_dy, m_ct);
     cv::Mat const src = in;
     out.create(src.size(), src.type());
     int const ch = src.channels();
     std::size_t const perThread =
         std::max(ncRowsScratch(src.cols, ch), ncColsScratch(src.rows, ch));
     float *buffer = scratch(perThread);
-    int *index = indexScratch(std::max(ncIndexScratch(src.cols), ncColsIndexScratch(src.rows)));
     withChannels(ch, [&](auto c) {
         constexpr int CH = decltype(c)::value;
         for (int i = 0; i < 3; ++i) {
             float const sigmaH =
                 float(powi(2.0, 2 - i) * (double(sigmaS_) * kSqrt3) / std::sqrt(63.0));
             float const radius = float(double(sigmaH) * kSqrt3);
-            ncRowsPass<CH>(i == 0 ? src : out, out, m_dx, radius, buffer, perThread, index);
-            ncColsPass<CH>(out, m_dy, radius, buffer, perThread, index);
+            ncRowsPass<CH>(i == 0 ? src : out, out, m_dx, radius, buffer, perThread);
+            ncColsPass<CH>(out, m_ct, radius, buffer, perThread);
         }
     });
 }

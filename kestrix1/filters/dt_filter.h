@@ -100,9 +100,8 @@ private:
     void recurse(cv::Mat const &in, cv::Mat &out, float sigmaS, int N);
     // Per-thread scratch of `perThread` floats for every thread of a team.
     float *scratch(std::size_t perThread);
-    int *indexScratch(std::size_t perThread);
 
     cv::Mat m_dx, m_dy;            // domain planes (cumulative in the normalised path)
     std::vector<float> m_scratch;  // grows only: reused across calls
-    std::vector<int> m_index;      // lower and upper window ends of the normalised path
+    cv::Mat m_ct;                  // the normalised path's column positions, transposed
 };
