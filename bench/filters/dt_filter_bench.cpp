@@ -1,7 +1,7 @@
 // DTFilter on the 24-megapixel planes beside OpenCV contrib's domain-transform filter with the
 // same sigmas and three iterations: the recursive filter (mode 0 against DTF_RF) and
-// normalised convolution (mode 1 against DTF_NC) on the gray plane, and the recursive filter
-// on the two half-size chroma planes interleaved as CV_32FC2, as the detail effect runs it.
+// normalised convolution (mode 1 against DTF_NC) on the gray plane, and both again on the two
+// half-size chroma planes interleaved as CV_32FC2, as the detail effect runs them.
 //
 // DTFilter::setup sets the process's OpenMP team to min(cores, 4) threads; OpenCV's own
 // thread pool is given the same count so that both sides run on the same threads.
@@ -63,6 +63,7 @@ int const registered = [] {
     cv::merge(std::vector<cv::Mat>{inputs().dr16, inputs().db16}, chroma);
     chroma.convertTo(chroma32, CV_32F);
     dtCase("DTF_RF_ChromaC2", chroma32, 20.0f, 4259.71f, 0, cv::ximgproc::DTF_RF);
+    dtCase("DTF_NC_ChromaC2", chroma32, 20.0f, 4259.71f, 1, cv::ximgproc::DTF_NC);
     return 0;
 }();
 

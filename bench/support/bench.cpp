@@ -123,6 +123,7 @@ public:
             auto const self = who.find("kestrix1");
             if (self == who.end()) continue;
             double const mine = self->second.value();
+            if (who.size() == 1) std::fprintf(out, "  %-40s %10.4g\n", c.c_str(), mine);
             for (auto const &[peer, t] : who) {
                 if (peer == "kestrix1") continue;
                 std::fprintf(out, "  %-40s %10.4g  vs %-12s %10.4g   %6.2f\n", c.c_str(), mine,

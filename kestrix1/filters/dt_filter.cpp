@@ -543,7 +543,7 @@ void cumulateRows(cv::Mat &d) {
 }
 
 void cumulateCols(cv::Mat &d) {
-    parallelBands(d.cols, std::int64_t(d.rows) * d.cols, [&](int x0, int x1) {
+    parallelRuns(d.cols, 512, std::int64_t(d.rows) * d.cols, [&](int x0, int x1) {
         for (int y = 1; y < d.rows; ++y) {
             float *p = d.ptr<float>(y);
             float const *q = d.ptr<float>(y - 1);
@@ -646,7 +646,7 @@ void DTFilter::diffx(cv::Mat const &in, cv::Mat &d) {
     d.create(in.size(), in.type());
     d.setTo(0);
     int const n = (in.cols - 1) * in.channels(), ch = in.channels();
-    parallelRows(in.rows, std::int64_t(in.rows) * in.cols * ch, [&](int y) {
+    eachRow(in.rows, std::int64_t(in.rows) * in.cols * ch, [&](int y) {
         float const *p = in.ptr<float>(y);
         float *o = d.ptr<float>(y);
         for (int i = 0; i < n; ++i)
@@ -664,7 +664,7 @@ void DTFilter::diffy(cv::Mat const &in, cv::Mat &d) {
     d.create(in.size(), in.type());
     d.setTo(0);
     int const n = (in.cols - 1) * in.channels();
-    parallelRows(in.rows - 1, std::int64_t(in.rows) * in.cols * in.channels(), [&](int y) {
+    eachRow(in.rows - 1, std::int64_t(in.rows) * in.cols * in.channels(), [&](int y) {
         float const *p = in.ptr<float>(y);
         float const *q = in.ptr<float>(y + 1);
         float *o = d.ptr<float>(y);
@@ -684,7 +684,7 @@ void DTFilter::csum(cv::Mat const &d, cv::Mat &S, METRIC metric_) {
     S.setTo(0);
     int const ch = d.channels(), cols = d.cols;
     bool const square = metric_ != L1;
-    parallelRows(d.rows - 1, std::int64_t(d.rows) * cols * ch, [&](int y) {
+    eachRow(d.rows - 1, std::int64_t(d.rows) * cols * ch, [&](int y) {
         float const *p = d.ptr<float>(y);
         float *s = S.ptr<float>(y);
         for (int x = 0; x < cols - 1; ++x) {
@@ -703,7 +703,7 @@ void DTFilter::csum(std::vector<cv::Mat> const &d, cv::Mat &S, METRIC metric_) {
     S.setTo(0);
     bool const square = metric_ != L1;
     int const cols = S.cols;
-    parallelRows(S.rows, std::int64_t(S.rows) * cols * std::int64_t(d.size()), [&](int y) {
+    eachRow(S.rows, std::int64_t(S.rows) * cols * std::int64_t(d.size()), [&](int y) {
         float *s = S.ptr<float>(y);
         for (cv::Mat const &plane : d) {
             int const ch = plane.channels();

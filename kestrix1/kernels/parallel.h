@@ -48,18 +48,6 @@ void parallelBands(int rows, std::int64_t work, Body &&body) {
     }
 }
 
-// Items [0, n) cut into runs of `run` items, handed out as threads become free: body(i0, i1)
-// runs once per run. For loops of independent items whose threads keep their scratch by
-// omp_get_thread_num(): when something else on the machine holds a core for a while, the
-// other threads take over the remaining runs instead of waiting for the slow one at the end.
-template <class Body>
-void parallelRuns(int n, int run, std::int64_t work, Body &&body) {
-    int const runs = (n + run - 1) / run;
-#pragma omp parallel for schedule(dynamic) if (runs > 1 && kxWorthThreads(work))
-    for (int r = 0; r < runs; ++r)
-        body(r * run, std::min(n, (r + 1) * run));
-}
-
 // Rows cut into chunks of `chunk` rows, handed to the threads as each becomes free: for
 // loops whose threads keep scratch between chunks, and that should finish together even
 // when something else on the machine holds a core. Each thread makes its own scratch with
@@ -74,4 +62,14 @@ void parallelChunks(int rows, int chunk, std::int64_t work, Make &&make, Body &&
         for (int c = 0; c < chunks; ++c)
             body(scratch, c * chunk, std::min(rows, (c + 1) * chunk));
     }
+}
+
+// Items [0, n) cut into runs of `run` items, handed out as threads become free: body(i0, i1)
+// runs once per run. For loops of independent items whose threads keep their scratch by
+// omp_get_thread_num(): when something else on the machine holds a core for a while, the
+// other threads take over the remaining runs instead of waiting for the slow one at the end.
+template <class Body>
+void parallelRuns(int n, int run, std::int64_t work, Body &&body) {
+    parallelChunks(
+        n, run, work, [] { return 0; }, [&](int, int i0, int i1) { body(i0, i1); });
 }
