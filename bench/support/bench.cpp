@@ -1,5 +1,6 @@
 #include "bench/support/bench.h"
 
+#include <unistd.h>
 #include <algorithm>
 #include <chrono>
 #include <cstring>
@@ -89,6 +90,8 @@ double planeCopyMs(int runs) {
 // peer over the repetitions of the run, their ratio, and the time of a plane copy.
 class RatioReporter : public benchmark::ConsoleReporter {
 public:
+    using ConsoleReporter::ConsoleReporter;
+
     void ReportRuns(std::vector<Run> const &runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (Run const &r : runs) {
@@ -154,7 +157,10 @@ private:
 int main(int argc, char **argv) {
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    kxbench::RatioReporter reporter;
+    // A reporter passed in ignores --benchmark_color: colour only on a terminal.
+    kxbench::RatioReporter reporter(isatty(fileno(stdout))
+                                        ? benchmark::ConsoleReporter::OO_Defaults
+                                        : benchmark::ConsoleReporter::OO_Tabular);
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
     return 0;
