@@ -32,11 +32,11 @@ constexpr float kGain = 1.0f;
 
 char const kHalfHelp[] =
     "a fast preview of slow settings: the filter runs on a half-size copy of the luminance (a "
-    "quarter of the pixels; sizes in pixels are halved to match) and the full size is rebuilt "
-    "with the photograph's own finest detail. What it costs: texture of one or two pixels is "
-    "not filtered (where the filter would flatten it, at least half of it comes back) and "
-    "edges are drawn from the half-size result, so thin lines and sharp edges come out a "
-    "little softer or rougher than in a full run";
+    "quarter of the pixels; sizes given in pixels, where the command has them, are halved to "
+    "match) and the full size is rebuilt with the photograph's own finest detail. What it costs: "
+    "texture of one or two pixels is not filtered (where the filter would flatten it, at least "
+    "half of it comes back) and edges are drawn from the half-size result, so thin lines and "
+    "sharp edges come out a little softer or rougher than in a full run";
 
 cv::Mat halfSizeOf(cv::Mat const &full) {
     cv::Mat half(TPImage::half(full.rows), TPImage::half(full.cols), full.type());
