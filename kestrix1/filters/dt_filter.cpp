@@ -286,13 +286,13 @@ void rowsPass(cv::Mat const &src, cv::Mat &dst, cv::Mat const &D, float factor, 
             if constexpr (CH == 0) {
                 for (int r = 0; r < n; ++r)
                     recurseRow(s[r], o[r], wr[r], cols, ch);
-            } else if (CH == 2 && n == G) {
-                recurseRowPairs<G>(s, o, wr, cols);
-            } else if (n == G) {
-                recurseRowGroup<CH, G>(s, o, wr, cols);
-            } else {
+            } else if (n < G) {
                 for (int r = 0; r < n; ++r)
                     recurseRowGroup<CH, 1>(s + r, o + r, wr + r, cols);
+            } else if constexpr (CH == 2) {
+                recurseRowPairs<G>(s, o, wr, cols);
+            } else {
+                recurseRowGroup<CH, G>(s, o, wr, cols);
             }
         }
     });
