@@ -42,9 +42,31 @@ inline bool kxHasAvx512() {
                             __builtin_cpu_supports("avx512dq");
     return has && kxVectorLimit() >= KxVectors::avx512;
 }
+
+// Whether the CPU has the fetch-for-writing hint; kxPrefetchToWrite asks for it only then.
+inline bool kxHasPrefetchW() {
+    static bool const has = __builtin_cpu_supports("prfchw");
+    return has;
+}
 #else
 #define KX_HAVE_AVX2_PATHS 0
+inline bool kxHasPrefetchW() {
+    return false;
+}
 #endif
+
+// Fetches the cache line at p towards the core, to be written soon: with the hint where
+// `hint` (kxHasPrefetchW(), read once by the caller) allows it, as a plain fetch elsewhere.
+inline void kxPrefetchToWrite(void const *p, bool hint) {
+#if KX_HAVE_AVX2_PATHS
+    if (hint) {
+        asm volatile("prefetchw (%0)" : : "r"(p));
+        return;
+    }
+#endif
+    (void)hint;
+    __builtin_prefetch(p, 1);
+}
 
 // Calls run(Ops{}) with the widest of three tables of vector operations that the CPU and the
 // vector limit allow. Where the library has no AVX paths only the last is looked at, so the
