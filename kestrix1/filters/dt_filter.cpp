@@ -31,18 +31,6 @@ constexpr int kStripCols = 64;
 // Columns per strip of the vertical normalised pass, whose walks run together.
 constexpr int kNcStrip = 16;
 
-// Every row of a plane, handed out to the threads sixteen rows at a time as they become
-// free. Every loop of the filters runs this way or by parallelRuns: a photo editor shares
-// the machine, and a static split would leave the whole loop waiting for a thread whose core
-// something else has taken.
-template <class Body>
-void eachRow(int rows, std::int64_t work, Body &&body) {
-    parallelRuns(rows, 16, work, [&](int y0, int y1) {
-        for (int y = y0; y < y1; ++y)
-            body(y);
-    });
-}
-
 // base^e by repeated squaring in double; a negative exponent gives the reciprocal.
 double powi(double base, int e) {
     bool const negative = e < 0;
@@ -102,7 +90,7 @@ inline float gradientTerm(float d) {
 template <int CH, bool Square>
 void domainPlanes(cv::Mat const &g, int chRun, float ratio, cv::Mat &dx, cv::Mat &dy) {
     int const rows = g.rows, cols = g.cols, ch = CH ? CH : chRun;
-    eachRow(rows, std::int64_t(rows) * cols * ch, [&](int y) {
+    parallelRows(rows, std::int64_t(rows) * cols * ch, [&](int y) {
         float *ox = dx.ptr<float>(y);
         float *oy = dy.ptr<float>(y);
         if (y == rows - 1) {
@@ -135,7 +123,7 @@ void domainPlanes(cv::Mat const &g, int chRun, float ratio, cv::Mat &dx, cv::Mat
 template <bool Square>
 void guideGradientSums(std::vector<cv::Mat> const &guides, cv::Mat &Sx, cv::Mat &Sy) {
     int const rows = Sx.rows, cols = Sx.cols;
-    eachRow(rows, std::int64_t(rows) * cols * std::int64_t(guides.size()), [&](int y) {
+    parallelRows(rows, std::int64_t(rows) * cols * std::int64_t(guides.size()), [&](int y) {
         float *sx = Sx.ptr<float>(y);
         float *sy = Sy.ptr<float>(y);
         std::fill(sx, sx + cols, 0.0f);
@@ -157,7 +145,7 @@ void guideGradientSums(std::vector<cv::Mat> const &guides, cv::Mat &Sx, cv::Mat 
 
 // S * ratio + 1, in place.
 void sumToDomain(cv::Mat &S, float ratio) {
-    eachRow(S.rows, std::int64_t(S.rows) * S.cols, [&](int y) {
+    parallelRows(S.rows, std::int64_t(S.rows) * S.cols, [&](int y) {
         float *s = S.ptr<float>(y);
         for (int x = 0; x < S.cols; ++x)
             s[x] = s[x] * ratio + 1.0f;
@@ -547,7 +535,7 @@ void ncColsPass(cv::Mat &img, cv::Mat const &ctT, float radius, float *scratch,
 
 // Cumulative sums of the domain: along each row in place, and down each column in place.
 void cumulateRows(cv::Mat &d) {
-    eachRow(d.rows, std::int64_t(d.rows) * d.cols, [&](int y) {
+    parallelRows(d.rows, std::int64_t(d.rows) * d.cols, [&](int y) {
         float *p = d.ptr<float>(y);
         for (int x = 1; x < d.cols; ++x)
             p[x] += p[x - 1];
@@ -658,7 +646,7 @@ void DTFilter::diffx(cv::Mat const &in, cv::Mat &d) {
     d.create(in.size(), in.type());
     d.setTo(0);
     int const n = (in.cols - 1) * in.channels(), ch = in.channels();
-    eachRow(in.rows, std::int64_t(in.rows) * in.cols * ch, [&](int y) {
+    parallelRows(in.rows, std::int64_t(in.rows) * in.cols * ch, [&](int y) {
         float const *p = in.ptr<float>(y);
         float *o = d.ptr<float>(y);
         for (int i = 0; i < n; ++i)
@@ -676,7 +664,7 @@ void DTFilter::diffy(cv::Mat const &in, cv::Mat &d) {
     d.create(in.size(), in.type());
     d.setTo(0);
     int const n = (in.cols - 1) * in.channels();
-    eachRow(in.rows - 1, std::int64_t(in.rows) * in.cols * in.channels(), [&](int y) {
+    parallelRows(in.rows - 1, std::int64_t(in.rows) * in.cols * in.channels(), [&](int y) {
         float const *p = in.ptr<float>(y);
         float const *q = in.ptr<float>(y + 1);
         float *o = d.ptr<float>(y);
@@ -696,7 +684,7 @@ void DTFilter::csum(cv::Mat const &d, cv::Mat &S, METRIC metric_) {
     S.setTo(0);
     int const ch = d.channels(), cols = d.cols;
     bool const square = metric_ != L1;
-    eachRow(d.rows - 1, std::int64_t(d.rows) * cols * ch, [&](int y) {
+    parallelRows(d.rows - 1, std::int64_t(d.rows) * cols * ch, [&](int y) {
         float const *p = d.ptr<float>(y);
         float *s = S.ptr<float>(y);
         for (int x = 0; x < cols - 1; ++x) {
@@ -715,7 +703,7 @@ void DTFilter::csum(std::vector<cv::Mat> const &d, cv::Mat &S, METRIC metric_) {
     S.setTo(0);
     bool const square = metric_ != L1;
     int const cols = S.cols;
-    eachRow(S.rows, std::int64_t(S.rows) * cols * std::int64_t(d.size()), [&](int y) {
+    parallelRows(S.rows, std::int64_t(S.rows) * cols * std::int64_t(d.size()), [&](int y) {
         float *s = S.ptr<float>(y);
         for (cv::Mat const &plane : d) {
             int const ch = plane.channels();

@@ -1,10 +1,13 @@
 // The library's one idiom for "parallel over rows". Internal.
 //
 // parallelRows(rows, body) runs body(y) for every y in [0, rows) as an OpenMP parallel loop
-// with a static schedule, so each thread owns one contiguous band of rows. The body must
-// write only to its own rows. Work that is too small to pay for a thread team, or a call
-// that is already inside a parallel region, runs on the calling thread instead: the
-// library's thread settings are the process's, and nested teams only oversubscribe cores.
+// that hands out runs of kxRowRun rows to the threads as each becomes free: a photo editor
+// shares the machine, and a loop split evenly beforehand would wait at its end for a thread
+// whose core something else has taken. The body must write only to its own rows, and what it
+// writes must not depend on which thread runs it. Work that is too small to pay for a thread
+// team, or a call that is already inside a parallel region, runs on the calling thread
+// instead: the library's thread settings are the process's, and nested teams only
+// oversubscribe cores.
 #pragma once
 
 #include <omp.h>
@@ -15,13 +18,17 @@
 // Below this many elements of work a loop runs on the calling thread.
 constexpr std::int64_t kxMinParallelWork = 1 << 15;
 
+// Rows per run of parallelRows: enough that taking a run costs next to nothing beside its
+// work, few enough that the threads finish together.
+constexpr int kxRowRun = 8;
+
 inline bool kxWorthThreads(std::int64_t work) {
     return work >= kxMinParallelWork && !omp_in_parallel();
 }
 
 template <class Body>
 void parallelRows(int rows, std::int64_t work, Body &&body) {
-#pragma omp parallel for schedule(static) if (kxWorthThreads(work))
+#pragma omp parallel for schedule(dynamic, kxRowRun) if (kxWorthThreads(work))
     for (int y = 0; y < rows; ++y)
         body(y);
 }
@@ -29,12 +36,12 @@ void parallelRows(int rows, std::int64_t work, Body &&body) {
 // The same for loops that the library runs in parallel whatever their size.
 template <class Body>
 void parallelRows(int rows, Body &&body) {
-#pragma omp parallel for schedule(static) if (!omp_in_parallel())
+#pragma omp parallel for schedule(dynamic, kxRowRun) if (!omp_in_parallel())
     for (int y = 0; y < rows; ++y)
         body(y);
 }
 
-// The same split handed out as bands: body(y0, y1) runs once for each of up to
+// Rows handed out as bands: body(y0, y1) runs once for each of up to
 // omp_get_max_threads() contiguous bands covering [0, rows), for loops that set up scratch
 // space once per band rather than once per row.
 template <class Body>
