@@ -108,7 +108,8 @@ public:
                 r.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(r.time_unit) * 1e3;
             (single ? t.runs : t.median).push_back(ms);
             repetitions_ = std::max<std::int64_t>(repetitions_, r.repetitions);
-            if (order_.empty() || order_.back() != c) order_.push_back(c);
+            // A case whose sides were registered apart is still listed once.
+            if (std::find(order_.begin(), order_.end(), c) == order_.end()) order_.push_back(c);
         }
     }
 
