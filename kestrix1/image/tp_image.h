@@ -229,8 +229,8 @@ protected:
     // companded so that it costs a quarter of the two planes it replaces; "full" is the
     // full-size CV_16UC1 plane. All other planes here are CV_16UC1; "half size" is in the
     // sense of half(). Sizes are trusted: nothing is checked beyond what upSize2X and
-    // downSize2X check. Loops are parallel over rows with a static schedule and give the same
-    // pixels at any number of threads.
+    // downSize2X check. Loops are parallel over rows, handed out in runs as threads become
+    // free, and give the same pixels at any number of threads.
     //
     // The companding tables are shared by the whole process. The library owns static storage
     // for them and fills it while it is loaded, so they exist before a host can call any
