@@ -245,14 +245,17 @@ std::size_t rowsScratch(int cols) {
     return 2 * std::size_t(groupRows(1)) * std::size_t(cols);
 }
 
-// The horizontal pass from src into dst (which may be src), with weights from D.
+// The horizontal pass from src[p] into dst[p] (which may be src[p]) for each of the planes
+// planes, all of one size and channel count, with weights from D: each group of rows takes
+// its weights once for all planes.
 template <int CH>
-void rowsPass(cv::Mat const &src, cv::Mat &dst, cv::Mat const &D, float factor, float *scratch,
-              std::size_t perThread) {
+void rowsPass(cv::Mat const *src, cv::Mat *dst, int planes, cv::Mat const &D, float factor,
+              float *scratch, std::size_t perThread) {
     constexpr int G = groupRows(CH);
-    int const rows = src.rows, cols = src.cols, ch = src.channels();
+    int const rows = src[0].rows, cols = src[0].cols, ch = src[0].channels();
     int const groups = (rows + G - 1) / G;
-    parallelRuns(groups, 4, std::int64_t(rows) * cols * (ch + 8), [&](int g0, int g1) {
+    std::int64_t const work = std::int64_t(rows) * cols * (std::int64_t(ch) * planes + 8);
+    parallelRuns(groups, 4, work, [&](int g0, int g1) {
         float *prod = scratch + perThread * std::size_t(omp_get_thread_num());
         float *w = prod + std::size_t(G) * cols;
         for (int g = g0; g < g1; ++g) {
@@ -264,24 +267,27 @@ void rowsPass(cv::Mat const &src, cv::Mat &dst, cv::Mat const &D, float factor, 
                     p[x] = d[x] * factor;
             }
             pxExpRun(prod, w, n * cols);
-            float const *s[G];
-            float *o[G];
             float const *wr[G];
-            for (int r = 0; r < n; ++r) {
-                s[r] = src.ptr<float>(y0 + r);
-                o[r] = dst.ptr<float>(y0 + r);
+            for (int r = 0; r < n; ++r)
                 wr[r] = w + std::size_t(r) * cols;
-            }
-            if constexpr (CH == 0) {
-                for (int r = 0; r < n; ++r)
-                    recurseRow(s[r], o[r], wr[r], cols, ch);
-            } else if (n < G) {
-                for (int r = 0; r < n; ++r)
-                    recurseRowGroup<CH, 1>(s + r, o + r, wr + r, cols);
-            } else if constexpr (CH == 2) {
-                recurseRowPairs<G>(s, o, wr, cols);
-            } else {
-                recurseRowGroup<CH, G>(s, o, wr, cols);
+            for (int p = 0; p < planes; ++p) {
+                float const *s[G];
+                float *o[G];
+                for (int r = 0; r < n; ++r) {
+                    s[r] = src[p].ptr<float>(y0 + r);
+                    o[r] = dst[p].ptr<float>(y0 + r);
+                }
+                if constexpr (CH == 0) {
+                    for (int r = 0; r < n; ++r)
+                        recurseRow(s[r], o[r], wr[r], cols, ch);
+                } else if (n < G) {
+                    for (int r = 0; r < n; ++r)
+                        recurseRowGroup<CH, 1>(s + r, o + r, wr + r, cols);
+                } else if constexpr (CH == 2) {
+                    recurseRowPairs<G>(s, o, wr, cols);
+                } else {
+                    recurseRowGroup<CH, G>(s, o, wr, cols);
+                }
             }
         }
     });
@@ -313,22 +319,50 @@ inline void prefetchSegmentToWrite(float *p, int floats, bool hint) {
         kxPrefetchToWrite(p + i, hint);
 }
 
-// The vertical pass in place, in strips of columns of the whole height: each strip's
-// downward sweep runs along contiguous row segments, and its upward sweep finds most of the
-// strip still in cache.
+// Both sweeps of the vertical pass over the strip of n columns from x0 of img, w holding the
+// strip's weights row after row.
 template <int CH>
-void colsPass(cv::Mat &img, cv::Mat const &D, float factor, float *scratch, std::size_t perThread) {
-    int const rows = img.rows, cols = img.cols, ch = CH ? CH : img.channels();
+void sweepStrip(cv::Mat &img, int x0, int n, int chRun, float const *w, bool hint) {
+    int const rows = img.rows, ch = CH ? CH : chRun, width = n * ch;
+    std::size_t const ahead = kRowsAhead * img.step1();
+    for (int y = 1; y < rows; ++y) {
+        float *p = img.ptr<float>(y) + std::size_t(x0) * ch;
+        float const *q = img.ptr<float>(y - 1) + std::size_t(x0) * ch;
+        float const *wy = w + std::size_t(y) * n;
+        if (y + kRowsAhead < rows) prefetchSegmentToWrite(p + ahead, width, hint);
+        for (int i = 0; i < n; ++i)
+            for (int c = 0; c < ch; ++c)
+                p[i * ch + c] += (q[i * ch + c] - p[i * ch + c]) * wy[i];
+    }
+    for (int y = rows - 2; y >= 0; --y) {
+        float *p = img.ptr<float>(y) + std::size_t(x0) * ch;
+        float const *q = img.ptr<float>(y + 1) + std::size_t(x0) * ch;
+        float const *wy = w + std::size_t(y + 1) * n;
+        if (y >= kRowsAhead) prefetchSegmentToWrite(p - ahead, width, hint);
+        for (int i = 0; i < n; ++i)
+            for (int c = 0; c < ch; ++c)
+                p[i * ch + c] += (q[i * ch + c] - p[i * ch + c]) * wy[i];
+    }
+}
+
+// The vertical pass in place over each of the planes img[0..planes), all of one size and
+// channel count, in strips of columns of the whole height: each strip's downward sweep runs
+// along contiguous row segments, and its upward sweep finds most of the strip still in
+// cache. A strip's weights serve every plane.
+template <int CH>
+void colsPass(cv::Mat *img, int planes, cv::Mat const &D, float factor, float *scratch,
+              std::size_t perThread) {
+    int const rows = img[0].rows, cols = img[0].cols, ch = CH ? CH : img[0].channels();
     if (rows < 2) return;
     int const stripCols = kStripCols;
     int const strips = (cols + stripCols - 1) / stripCols;
     bool const hint = kxHasPrefetchW();
-    std::size_t const ahead = kRowsAhead * img.step1();
-    parallelRuns(strips, 1, std::int64_t(rows) * cols * (ch + 8), [&](int s0, int s1) {
+    std::int64_t const work = std::int64_t(rows) * cols * (std::int64_t(ch) * planes + 8);
+    parallelRuns(strips, 1, work, [&](int s0, int s1) {
         float *w = scratch + perThread * std::size_t(omp_get_thread_num());
         float *prod = w + std::size_t(rows) * kStripCols;
         for (int s = s0; s < s1; ++s) {
-            int const x0 = s * stripCols, n = std::min(stripCols, cols - x0), width = n * ch;
+            int const x0 = s * stripCols, n = std::min(stripCols, cols - x0);
             for (int y0 = 1; y0 < rows; y0 += kExpRows) {
                 int const y1 = std::min(rows, y0 + kExpRows);
                 for (int y = y0; y < y1; ++y) {
@@ -340,24 +374,8 @@ void colsPass(cv::Mat &img, cv::Mat const &D, float factor, float *scratch, std:
                 }
                 pxExpRun(prod, w + std::size_t(y0) * n, (y1 - y0) * n);
             }
-            for (int y = 1; y < rows; ++y) {
-                float *p = img.ptr<float>(y) + std::size_t(x0) * ch;
-                float const *q = img.ptr<float>(y - 1) + std::size_t(x0) * ch;
-                float const *wy = w + std::size_t(y) * n;
-                if (y + kRowsAhead < rows) prefetchSegmentToWrite(p + ahead, width, hint);
-                for (int i = 0; i < n; ++i)
-                    for (int c = 0; c < ch; ++c)
-                        p[i * ch + c] += (q[i * ch + c] - p[i * ch + c]) * wy[i];
-            }
-            for (int y = rows - 2; y >= 0; --y) {
-                float *p = img.ptr<float>(y) + std::size_t(x0) * ch;
-                float const *q = img.ptr<float>(y + 1) + std::size_t(x0) * ch;
-                float const *wy = w + std::size_t(y + 1) * n;
-                if (y >= kRowsAhead) prefetchSegmentToWrite(p - ahead, width, hint);
-                for (int i = 0; i < n; ++i)
-                    for (int c = 0; c < ch; ++c)
-                        p[i * ch + c] += (q[i * ch + c] - p[i * ch + c]) * wy[i];
-            }
+            for (int k = 0; k < planes; ++k)
+                sweepStrip<CH>(img[k], x0, n, ch, w, hint);
         }
     });
 }
@@ -753,8 +771,8 @@ void DTFilter::recurse(cv::Mat const &in, cv::Mat &out, float sigmaS_, int N) {
         for (int i = 0; i < N; ++i) {
             sigma = nextSigma(sigma, i, N);
             float const factor = weightFactor(sigma);
-            rowsPass<CH>(i == 0 ? src : out, out, m_dx, factor, buffer, perThread);
-            colsPass<CH>(out, m_dy, factor, buffer, perThread);
+            rowsPass<CH>(i == 0 ? &src : &out, &out, 1, m_dx, factor, buffer, perThread);
+            colsPass<CH>(&out, 1, m_dy, factor, buffer, perThread);
         }
     });
 }
@@ -779,18 +797,31 @@ void DTFilter::RF(std::vector<cv::Mat> const &in, std::vector<cv::Mat> &out, flo
     // Sources held by value: out may be the same vector as in.
     std::vector<cv::Mat> const src(in.begin(), in.end());
     out.resize(src.size());
-    int const N = int(numIter);
-    for (std::size_t p = 0; p < src.size(); ++p) {
+    int const N = int(numIter), planes = int(src.size());
+    for (int p = 0; p < planes; ++p)
         out[p].create(src[p].size(), src[p].type());
-        if (!sharesPixels(src[p], out[p])) src[p].copyTo(out[p]);
+    if (N <= 0) {
+        for (int p = 0; p < planes; ++p)
+            if (!sharesPixels(src[p], out[p])) src[p].copyTo(out[p]);
+        return;
     }
+    std::size_t const perThread = std::max(rowsScratch(m_dx.cols), colsScratch(m_dx.rows));
+    float *buffer = scratch(perThread);
+    // Planes of one channel count share each pass's weights; others take their own.
+    bool const alike = std::all_of(src.begin(), src.end(), [&](cv::Mat const &p) {
+        return p.channels() == src[0].channels();
+    });
     float sigma = sigmaS_;
     for (int i = 0; i < N; ++i) {
         sigma = nextSigma(sigma, i, N);
-        for (cv::Mat &plane : out) {
-            RFCH(plane, m_dx, sigma);
-            RFCV(plane, m_dy, sigma);
-        }
+        float const factor = weightFactor(sigma);
+        std::vector<cv::Mat> const &from = i == 0 ? src : out;
+        for (int p = 0, step = alike ? planes : 1; p < planes; p += step)
+            withChannels(src[p].channels(), [&](auto c) {
+                constexpr int CH = decltype(c)::value;
+                rowsPass<CH>(&from[p], &out[p], step, m_dx, factor, buffer, perThread);
+                colsPass<CH>(&out[p], step, m_dy, factor, buffer, perThread);
+            });
     }
 }
 
@@ -798,7 +829,7 @@ void DTFilter::RFCH(cv::Mat &img, cv::Mat const &D, float sigma) {
     std::size_t const perThread = rowsScratch(img.cols);
     float *buffer = scratch(perThread);
     withChannels(img.channels(), [&](auto c) {
-        rowsPass<decltype(c)::value>(img, img, D, weightFactor(sigma), buffer, perThread);
+        rowsPass<decltype(c)::value>(&img, &img, 1, D, weightFactor(sigma), buffer, perThread);
     });
 }
 
@@ -806,7 +837,7 @@ void DTFilter::RFCV(cv::Mat &img, cv::Mat const &D, float sigma) {
     std::size_t const perThread = colsScratch(img.rows);
     float *buffer = scratch(perThread);
     withChannels(img.channels(), [&](auto c) {
-        colsPass<decltype(c)::value>(img, D, weightFactor(sigma), buffer, perThread);
+        colsPass<decltype(c)::value>(&img, 1, D, weightFactor(sigma), buffer, perThread);
     });
 }
 

@@ -145,12 +145,43 @@ TEST(DTFilter, AllFormsMatchPlainFilter) {
             // No exponential here: the same float steps give the same bits.
             EXPECT_TRUE(f.proc(in, out, 1));
             EXPECT_EQ(maxDiff(out, filtered({in}, {in}, 12.0f, 0.2f, 3, l2, true)[0]), 0.0);
-            // Two planes along two guides, numIter (2) iterations; the sums keep the last row.
-            Planes ins = {in.clone(), pattern(rows, cols, ch, 5)}, outs = {ins[0]};
+            // Three planes along two guides, numIter (2) iterations; the sums keep the last
+            // row. The third plane has one channel, unlike the others but for ch 1.
+            Planes ins = {in.clone(), pattern(rows, cols, ch, 5), pattern(rows, cols, 1, 9)};
+            Planes outs = {ins[0]};
             Planes guides = {pattern(rows, cols, 1, 6), pattern(rows, cols, 2, 8)};
             Planes const want = filtered(ins, guides, 12.0f, 0.2f, 2, l2, false, true);
             EXPECT_TRUE(DTFilter(f).proc(ins, outs, 0, guides));  // a copy, plane 0 in place
-            EXPECT_LE(std::max(maxDiff(outs[0], want[0]), maxDiff(outs[1], want[1])), 2e-6);
+            ASSERT_EQ(outs.size(), 3u);
+            for (int p = 0; p < 3; ++p)
+                EXPECT_LE(maxDiff(outs[p], want[p]), 2e-6) << "plane " << p;
+        }
+}
+
+// The vector form weighs all planes of one channel count together: each plane comes out with
+// the bits it has when filtered alone, whatever its neighbours, and with no iteration at all
+// the planes are copied.
+TEST(DTFilter, PlanesFilteredTogetherMatchEachAlone) {
+    int const shapes[][3] = {{1, 70, 1}, {70, 1, 2}, {37, 150, 1}, {131, 66, 2}, {20, 30, 3}};
+    for (auto const [rows, cols, ch] : shapes)
+        for (int iterations : {3, 0}) {
+            SCOPED_TRACE(testing::Message() << rows << "x" << cols << "x" << ch << " N"
+                                            << iterations);
+            Planes const ins = {pattern(rows, cols, ch, 31), pattern(rows, cols, ch, 32),
+                                pattern(rows, cols, ch, 33)};
+            Planes guides = {pattern(rows, cols, 3, 34)};
+            DTFilter f;
+            f.setup(9.0f, 0.4f, iterations, DTFilter::L1);
+            Planes together;
+            EXPECT_TRUE(f.proc(ins, together, 0, guides));
+            for (int p = 0; p < 3; ++p) {
+                Planes alone;
+                EXPECT_TRUE(f.proc({ins[p]}, alone, 0, guides));
+                EXPECT_EQ(maxDiff(together[p], alone[0]), 0.0) << "plane " << p;
+            }
+            if (iterations == 0) {
+                EXPECT_EQ(maxDiff(together[1], ins[1]), 0.0);
+            }
         }
 }
 
